@@ -9,25 +9,12 @@
 
 #include "ostrel_common.h"
 #include "ostrel_error.h"
+#include "osl_internal.h"
 #include "zurn_general.h"
 
 #ifndef OSL_SRC_PATH
 #error "define OSL_SRC_PATH before including osl_frame.h"
 #endif
-
-// Process-wide last error; written without a lock by every exported function.
-extern uint32_t g_OSL_errno;
-// The library's log context, opened once at load time.
-extern uint64_t _hErvix_LogContext;
-extern const char g_Ostrel_VersionString[];
-
-// Name of the module a code belongs to ("???" when unknown).
-const char *Local_GetErrModule(uint32_t uiCode);
-int OSL_Log_Init(void);
-void OSL_Log_RecordToFile_Raw_V(const char *szPath, const char *szFormat, ...) __attribute__((format(printf, 2, 3)));
-char *strrncpy(char *szDst, const char *szSrc, size_t n);
-void OSL_Mem_LeakMutexInit(void);
-void _Ostrel_ThreadGroup_Init(void);
 
 // One log line at a level, tagged with this file's path and the line of the
 // statement. The support library filters; the library always makes the call.
