@@ -22,9 +22,47 @@ OSTREL_EXTERN_C_BEGIN
  * success. They do not log. */
 OSTREL_API void *Ostrel_Malloc_D(uint64_t ullSize, const char *szFile, uint32_t uiLine);
 OSTREL_API void *Ostrel_Calloc_D(uint64_t ullCount, uint64_t ullSize, const char *szFile, uint32_t uiLine);
+/* In debugging mode the resized block takes this call's file and line and
+ * becomes the newest. A pointer that is not a good tracked block (null, or one
+ * whose guards are broken) is handed to realloc as it is. When the resize
+ * fails, the old block stays valid for the caller but is off the leak list. */
 OSTREL_API void *Ostrel_Realloc_D(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine);
-/* In debugging mode the pointer must not be null. */
+/* In debugging mode a pointer whose guards are broken is released without
+ * being taken off the leak list; a null pointer is ignored. */
 OSTREL_API void Ostrel_Free(void *pvMem);
+
+/* Writes the live blocks to the text file at szFilePath (appended, created if
+ * missing). Does nothing while debugging is off. The summary is
+ *   "[New summary]\n"
+ * then "No memory block existed.\n" for an empty list, or one line per block,
+ * newest first:
+ *   "Memory block: <size> bytes allocated at <file> - <line>.\n"
+ * A block whose head magic or tail guard is broken stops the walk with
+ *   "Crashed memory block: <address of its header>.\n"
+ * and the walk resumes from the oldest block towards the newer ones, up to
+ * the broken block (reported once more) or back to the newest. Takes no lock:
+ * call it while no other thread allocates. */
+OSTREL_API void Ostrel_MemorySummary(const char *szFilePath);
+
+/* Copies iSrcLen bytes of pvSrc to the caller's buffer pvDst, whose room is in
+ * *piDstLen; *piDstLen receives the length needed in every case.
+ *  - pvDst null: a size query, returns 0;
+ *  - iSrcLen above the room: nothing copied, returns 0x90006;
+ *  - null piDstLen, negative iSrcLen, or null pvSrc with iSrcLen above 0:
+ *    0x9000F (the last error is then left as it was).
+ * Otherwise returns 0. */
+OSTREL_API uint32_t Ostrel_OutputBuffer(const void *pvSrc, int32_t iSrcLen, void *pvDst, int32_t *piDstLen);
+
+/* Sets a library option. OSL_OPTION_MEMORY_DEBUG with the value (void *)1
+ * switches memory debugging on, for good; it must be done before any of the
+ * allocation functions above has been called, by any thread (else 0x90016,
+ * and debugging stays off). Once on, setting it again returns 0 whatever the
+ * value. Another value while off, or an unknown index: 0x9000F. The result is
+ * also the last error.
+ * In debugging mode a block costs 100 bytes more; every allocating call and
+ * Ostrel_Free update the one leak list, which is not serialised between
+ * threads. */
+OSTREL_API uint32_t Ostrel_SetOption(int32_t iIndex, void *pvValue);
 
 /* Convenience forms that record the caller's own file and line. */
 #define OSTREL_MALLOC(size) Ostrel_Malloc_D((size), __FILE__, __LINE__)
