@@ -5,6 +5,7 @@
 #ifndef OSL_FRAME_H
 #define OSL_FRAME_H
 
+#include <cerrno>
 #include <cstdint>
 
 #include "ostrel_common.h"
@@ -23,6 +24,11 @@
 #define OSL_LOG_BIN(level, caption, data, len) \
     ZurnGeneral_RecordBinaryLogInfoEx2(_hErvix_LogContext, (level), OSL_SRC_PATH, __LINE__, (caption), (data), (len))
 
+// Stores the process-wide last error. Threads of thread groups and of the
+// transport's workers write it at the same time; a relaxed atomic store keeps
+// that well defined (the value is still simply the latest one written).
+#define OSL_SET_LAST_ERROR(code) __atomic_store_n(&g_OSL_errno, (uint32_t)(code), __ATOMIC_RELAXED)
+
 // True when h is non-null and its first 32-bit field is the kind's magic.
 inline bool OSL_HandleOk(const void *h, uint32_t magic) {
     return h != nullptr && *static_cast<const uint32_t *>(h) == magic;
@@ -30,15 +36,15 @@ inline bool OSL_HandleOk(const void *h, uint32_t magic) {
 
 // Handle check: on a bad handle the last error is 0x90010 before and after the
 // message; on a good one it is cleared.
-#define OSL_CHECK_HANDLE(h, magic, msg)                \
-    do {                                               \
-        if (!OSL_HandleOk((h), (magic))) {             \
-            g_OSL_errno = OSL_ERR_INVALID_HANDLE;      \
-            OSL_LOG(LOG_LEVEL_ERROR, msg);             \
-            g_OSL_errno = OSL_ERR_INVALID_HANDLE;      \
-            return OSL_ERR_INVALID_HANDLE;             \
-        }                                              \
-        g_OSL_errno = 0;                               \
+#define OSL_CHECK_HANDLE(h, magic, msg)                 \
+    do {                                                \
+        if (!OSL_HandleOk((h), (magic))) {              \
+            OSL_SET_LAST_ERROR(OSL_ERR_INVALID_HANDLE); \
+            OSL_LOG(LOG_LEVEL_ERROR, msg);              \
+            OSL_SET_LAST_ERROR(OSL_ERR_INVALID_HANDLE); \
+            return OSL_ERR_INVALID_HANDLE;              \
+        }                                               \
+        OSL_SET_LAST_ERROR(0);                          \
     } while (0)
 
 #define OSL_TRACE_ENTER() OSL_LOG(LOG_LEVEL_TRACE, "===>Enter %s", __func__)
@@ -68,7 +74,7 @@ inline bool OSL_HandleOk(const void *h, uint32_t magic) {
 #define OSL_RETURN(code)                      \
     do {                                      \
         uint32_t osl_rc_ = (code);            \
-        g_OSL_errno = osl_rc_;                \
+        OSL_SET_LAST_ERROR(osl_rc_);          \
         return osl_rc_;                       \
     } while (0)
 
@@ -78,7 +84,7 @@ inline bool OSL_HandleOk(const void *h, uint32_t magic) {
     do {                                      \
         uint32_t osl_rc_ = (code);            \
         OSL_TRACE_EXIT(osl_rc_);              \
-        g_OSL_errno = osl_rc_;                \
+        OSL_SET_LAST_ERROR(osl_rc_);          \
         return osl_rc_;                       \
     } while (0)
 
@@ -91,5 +97,21 @@ inline bool OSL_HandleOk(const void *h, uint32_t magic) {
 #define OSL_LOG_ERRNO(code)                                                                             \
     OSL_LOG(LOG_LEVEL_ERROR, "Error in %s. Errno=0x%08x. ErrInfo=[%s]%s", __func__, (unsigned)(code),  \
             Local_GetErrModule(code), Ostrel_GetErrorText(code))
+
+// Inner-call traces (thread group, service wrapper): "--->" with the call's
+// source text before it, "<---" with the text and its result after it.
+#define OSL_TRACE_CALL(calltext) OSL_LOG(LOG_LEVEL_TRACE, "--->%s", (calltext))
+#define OSL_TRACE_CALL_RESULT(calltext, code) \
+    OSL_LOG(LOG_LEVEL_TRACE, "<---%s=0x%x", (calltext), (unsigned)(code))
+// Runs `call`, traced by its own source text, and stores its result in rc.
+// errno is what the call left, whatever the logging did after it.
+#define OSL_TRACED_CALL(rc, call)                   \
+    do {                                            \
+        OSL_TRACE_CALL(#call);                      \
+        (rc) = (call);                              \
+        int osl_call_errno_ = errno;                \
+        OSL_TRACE_CALL_RESULT(#call, (rc));         \
+        errno = osl_call_errno_;                    \
+    } while (0)
 
 #endif // OSL_FRAME_H

@@ -1,6 +1,366 @@
-// Thread groups.
+// Thread groups: detached threads started in groups and cancelled together.
+//
+// Each thread owns a node with a Unix-domain socket pair. The thread waits
+// only through Select and Sleep, which always watch end 1 of the pair;
+// CancelAll writes one byte into end 0 of every node. Nobody reads that byte,
+// so a cancelled thread keeps seeing "to close" in every later wait. The
+// thread's wrapper unlinks and frees the node when the thread function
+// returns; Destroy polls until the group's list is empty.
 #define OSL_SRC_PATH "src/tdctl"
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "osl_frame.h"
+#include "ostrel_threadgroup.h"
+
+namespace {
+
+constexpr int kMaxNodeSocks = 64;
+
+struct TGNode {
+    TGNode *next;
+    TGNode *prev;
+    int control_unit[2]; // [0] written by CancelAll, [1] watched by the thread
+    fd_set sock_sets;
+    int sock_max;
+    pthread_t tid;
+    int sock_list[kMaxNodeSocks];
+    int sock_ready[kMaxNodeSocks];
+    int sock_count; // written by the owning thread, read by OutputStatus
+};
+
+struct TGGroup {
+    pthread_mutex_t lock;
+    TGNode *first; // Destroy polls it without the lock: atomic accesses only
+};
+
+struct TGThreadParam {
+    TGGroup *group;
+    TGNode *node;
+    void *param;
+    OstrelThreadFunc func;
+};
+
+// The byte CancelAll sends; only its first character goes out.
+const char kStopText[] = "stop";
+
+TGNode *group_first(TGGroup *group) { return __atomic_load_n(&group->first, __ATOMIC_ACQUIRE); }
+void set_group_first(TGGroup *group, TGNode *node) { __atomic_store_n(&group->first, node, __ATOMIC_RELEASE); }
+
+int node_sock_count(TGNode *node) { return __atomic_load_n(&node->sock_count, __ATOMIC_RELAXED); }
+void set_node_sock_count(TGNode *node, int n) { __atomic_store_n(&node->sock_count, n, __ATOMIC_RELAXED); }
+
+bool fits_fd_set(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+
+// Makes the node's control socket pair and starts its descriptor set with
+// end 1. A pair whose end does not fit a select set is refused like a failed
+// socketpair (EMFILE), since the thread could never wait on it.
+uint32_t _control_unit_init(TGNode *node) {
+    int rc;
+    OSL_TRACED_CALL(rc, socketpair(AF_UNIX,SOCK_STREAM,0,node->control_unit));
+    if (rc == 0 && !fits_fd_set(node->control_unit[1])) {
+        close(node->control_unit[0]);
+        close(node->control_unit[1]);
+        errno = EMFILE;
+        rc = -1;
+    }
+    if (rc != 0) {
+        OSL_LOG(LOG_LEVEL_TRACE, "socketpair failed! errno=%d", errno);
+        OSL_LOG_ERRNO(OSL_ERR_UNKNOWN);
+        return OSL_ERR_UNKNOWN;
+    }
+    FD_ZERO(&node->sock_sets);
+    FD_SET(node->control_unit[1], &node->sock_sets);
+    node->sock_max = node->control_unit[1];
+    return 0;
+}
+
+void close_control_unit(TGNode *node) {
+    close(node->control_unit[0]);
+    close(node->control_unit[1]);
+}
+
+// Unlinks a node from its group; the caller holds the group's lock.
+void unlink_node(TGGroup *group, TGNode *node) {
+    if (node->prev != nullptr) node->prev->next = node->next;
+    if (node->next != nullptr) node->next->prev = node->prev;
+    if (group_first(group) == node) set_group_first(group, node->next);
+    node->next = nullptr;
+    node->prev = nullptr;
+}
+
+void *_thread_function_wrapper(void *pArg) {
+    auto *start = static_cast<TGThreadParam *>(pArg);
+    TGGroup *group = start->group;
+    TGNode *node = start->node;
+    void *param = start->param;
+    OstrelThreadFunc func = start->func;
+    free(start);
+
+    // Under the lock: CancelAll and OutputStatus read the id while walking.
+    pthread_mutex_lock(&group->lock);
+    node->tid = pthread_self();
+    pthread_mutex_unlock(&group->lock);
+    OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:New");
+
+    (void)func(param, node);
+
+    pthread_mutex_lock(&group->lock);
+    unlink_node(group, node);
+    pthread_mutex_unlock(&group->lock);
+
+    close_control_unit(node);
+    free(node);
+    OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Exit");
+    return nullptr;
+}
+
+// Starts one detached thread running func(param).
+uint32_t _create_thread(void *(*func)(void *), void *param) {
+    pthread_t tid;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    int rc;
+    OSL_TRACED_CALL(rc, pthread_create(&tid,&attr,func,param));
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        OSL_LOG_ERRNO(OSL_ERR_UNKNOWN);
+        return OSL_ERR_UNKNOWN;
+    }
+    return 0;
+}
+
+// A timeout in milliseconds as select wants it.
+timeval to_timeval(int32_t iTimeout) {
+    timeval timeout;
+    timeout.tv_sec = iTimeout / 1000;
+    timeout.tv_usec = (iTimeout % 1000) * 1000;
+    return timeout;
+}
+
+} // namespace
+
+extern "C" {
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_Create(OstrelThreadGroupHandle *phGroup) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != phGroup);
+    auto *group = static_cast<TGGroup *>(calloc(1, sizeof(TGGroup)));
+    if (group == nullptr) OSL_ALLOC_FAILED(sizeof(TGGroup));
+    if (pthread_mutex_init(&group->lock, nullptr) != 0) {
+        free(group);
+        OSL_LOG_CALL_FAILED("pthread_mutex_init(&group->lock,NULL)", OSL_ERR_UNKNOWN);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    set_group_first(group, nullptr);
+    *phGroup = group;
+    OSL_TRACED_RETURN(0);
+}
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_NewThread(OstrelThreadGroupHandle hGroup, OstrelThreadFunc pfnThread,
+                                                 void *pParam) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != hGroup);
+    OSL_ASSERT_ARG(NULL != pfnThread);
+    auto *group = static_cast<TGGroup *>(hGroup);
+    auto *node = static_cast<TGNode *>(calloc(1, sizeof(TGNode)));
+    if (node == nullptr) OSL_ALLOC_FAILED(sizeof(TGNode));
+    auto *thread_param = static_cast<TGThreadParam *>(calloc(1, sizeof(TGThreadParam)));
+    if (thread_param == nullptr) {
+        free(node);
+        OSL_ALLOC_FAILED(sizeof(TGThreadParam));
+    }
+    thread_param->group = group;
+    thread_param->node = node;
+    thread_param->param = pParam;
+    thread_param->func = pfnThread;
+
+    uint32_t rc;
+    OSL_TRACED_CALL(rc, _control_unit_init(node));
+    if (rc != 0) {
+        OSL_LOG_CALL_FAILED("_control_unit_init(node)", rc);
+        free(thread_param);
+        free(node);
+        OSL_TRACED_RETURN(rc);
+    }
+
+    pthread_mutex_lock(&group->lock);
+    node->next = group_first(group);
+    if (node->next != nullptr) node->next->prev = node;
+    set_group_first(group, node);
+
+    OSL_TRACED_CALL(rc, _create_thread(_thread_function_wrapper,thread_param));
+    if (rc != 0) {
+        unlink_node(group, node);
+        close_control_unit(node);
+        free(node);
+        // The thread never ran, so the start record is still ours to free.
+        free(thread_param);
+        pthread_mutex_unlock(&group->lock);
+        OSL_LOG_ERRNO(OSL_ERR_UNKNOWN);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    pthread_mutex_unlock(&group->lock);
+    OSL_TRACED_RETURN(0);
+}
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != hGroup);
+    auto *group = static_cast<TGGroup *>(hGroup);
+    pthread_mutex_lock(&group->lock);
+    for (TGNode *node = group_first(group); node != nullptr; node = node->next) {
+        // Never blocks: a full control socket already holds unread bytes, so
+        // its thread is signalled whether or not this byte fits.
+        (void)send(node->control_unit[0], kStopText, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+        OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Cancel(%X)", static_cast<unsigned>(node->tid));
+    }
+    pthread_mutex_unlock(&group->lock);
+    OSL_TRACED_RETURN(0);
+}
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != hGroup);
+    auto *group = static_cast<TGGroup *>(hGroup);
+    while (group_first(group) != nullptr) {
+        timespec pause = {0, 50 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+    // The last thread may still be leaving the lock it unlinked under: taking
+    // it once more orders its unlock before the mutex is destroyed.
+    pthread_mutex_lock(&group->lock);
+    pthread_mutex_unlock(&group->lock);
+    pthread_mutex_destroy(&group->lock);
+    free(group);
+    OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Destroy");
+    OSL_TRACED_RETURN(0);
+}
+
+OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSock) {
+    auto *node = static_cast<TGNode *>(hNode);
+    if (node == nullptr || !fits_fd_set(iSock)) return;
+    int count = node->sock_count;
+    if (count <= 0) {
+        node->sock_list[0] = iSock;
+        set_node_sock_count(node, 1);
+    } else {
+        int i = 0;
+        while (i < count && node->sock_list[i] != iSock) ++i;
+        if (i == count) {
+            if (count >= kMaxNodeSocks) return; // the list is full: not watched
+            node->sock_list[count] = iSock;
+            set_node_sock_count(node, count + 1);
+        }
+    }
+    FD_SET(iSock, &node->sock_sets);
+    if (iSock > node->sock_max) node->sock_max = iSock;
+}
+
+OSTREL_API void Ostrel_ThreadGroup_SetClr(OstrelThreadNodeHandle hNode, int iSock) {
+    auto *node = static_cast<TGNode *>(hNode);
+    if (node == nullptr || !fits_fd_set(iSock)) return;
+    int count = node->sock_count;
+    for (int i = 0; i < count; ++i) {
+        if (node->sock_list[i] != iSock) continue;
+        // Entries i+1 .. count (the first unused slot included) move one place
+        // to the front; the count stays as it is.
+        for (int j = i; j < count; ++j)
+            node->sock_list[j] = (j + 1 < kMaxNodeSocks) ? node->sock_list[j + 1] : 0;
+        break;
+    }
+    FD_CLR(iSock, &node->sock_sets);
+}
+
+OSTREL_API int Ostrel_ThreadGroup_SetIsSet(OstrelThreadNodeHandle hNode, int iSock) {
+    auto *node = static_cast<TGNode *>(hNode);
+    if (node == nullptr) return 0;
+    for (int i = 0; i < node->sock_count; ++i)
+        if (node->sock_list[i] == iSock) return node->sock_ready[i];
+    return 0;
+}
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_Select(OstrelThreadNodeHandle hNode, int32_t iTimeout, int *piToClose,
+                                              int *piCount) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != hNode);
+    OSL_ASSERT_ARG(NULL != piToClose);
+    OSL_ASSERT_ARG(NULL != piCount);
+    auto *node = static_cast<TGNode *>(hNode);
+    fd_set sock_sets = node->sock_sets;
+    timeval timeout = to_timeval(iTimeout);
+    int rc;
+    OSL_TRACED_CALL(rc, select(node->sock_max+1,&sock_sets,0,0,&timeout));
+    if (rc < 0) {
+        OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    if (rc == 0) {
+        OSL_LOG(LOG_LEVEL_TRACE, "select=0");
+        *piToClose = 0;
+        *piCount = 0;
+        OSL_TRACED_RETURN(0);
+    }
+    if (FD_ISSET(node->control_unit[1], &sock_sets)) {
+        OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:GotClose");
+        *piToClose = 1;
+        *piCount = 0;
+        OSL_TRACED_RETURN(0);
+    }
+    for (int i = 0; i < node->sock_count; ++i)
+        node->sock_ready[i] = FD_ISSET(node->sock_list[i], &sock_sets) ? 1 : 0;
+    *piToClose = 0;
+    *piCount = rc;
+    OSL_TRACED_RETURN(0);
+}
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32_t iTimeout, int *piToClose) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != hNode);
+    OSL_ASSERT_ARG(NULL != piToClose);
+    auto *node = static_cast<TGNode *>(hNode);
+    fd_set sock_sets;
+    FD_ZERO(&sock_sets);
+    FD_SET(node->control_unit[1], &sock_sets);
+    timeval timeout = to_timeval(iTimeout);
+    int rc;
+    OSL_TRACED_CALL(rc, select(node->control_unit[1]+1,&sock_sets,0,0,&timeout));
+    if (rc < 0) {
+        OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    if (rc > 0) {
+        OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:GotClose");
+        *piToClose = 1;
+    } else {
+        OSL_LOG(LOG_LEVEL_TRACE, "select=0");
+        *piToClose = 0;
+    }
+    OSL_TRACED_RETURN(0);
+}
+
+OSTREL_API uint32_t Ostrel_ThreadGroup_OutputStatus(OstrelThreadGroupHandle hGroup) {
+    OSL_TRACE_ENTER();
+    OSL_ASSERT_ARG(NULL != hGroup);
+    auto *group = static_cast<TGGroup *>(hGroup);
+    pthread_mutex_lock(&group->lock);
+    for (TGNode *node = group_first(group); node != nullptr; node = node->next)
+        OSL_LOG(LOG_LEVEL_TRACE, "[TID:%x]socket(%d)", static_cast<unsigned>(node->tid), node_sock_count(node));
+    pthread_mutex_unlock(&group->lock);
+    OSL_TRACED_RETURN(0);
+}
+
+} // extern "C"
 
 // The thread-group subsystem needs no load-time work.
 void _Ostrel_ThreadGroup_Init(void) {}
