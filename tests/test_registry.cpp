@@ -236,11 +236,12 @@ bool block_complete(uint32_t id, int *owner) {
 TEST(ErvixConcurrency, EightThreadsRegisterOneIdAndReadersSeeWholeBlocks) {
     std::atomic<bool> done{false};
     std::atomic<int> complete_reads{0};
+    // Reads with no synchronisation with the registering threads until it has
+    // seen the published block whole (or the test gives up waiting).
     std::thread reader([&] {
         int owner = -1;
-        while (!done.load()) {
+        while (!done.load() && complete_reads.load() == 0)
             if (block_complete(kSharedId, &owner)) ++complete_reads;
-        }
     });
     std::vector<std::thread> threads;
     std::vector<std::string> names;
@@ -251,9 +252,11 @@ TEST(ErvixConcurrency, EightThreadsRegisterOneIdAndReadersSeeWholeBlocks) {
             Ervix_Register(names[t].c_str(), kOwnIdBase + t, fill_racing);
         });
     for (auto &th : threads) th.join();
+    for (int i = 0; i < 10000000 && complete_reads.load() == 0; ++i) std::this_thread::yield();
     done = true;
     reader.join();
 
+    EXPECT_GT(complete_reads.load(), 0);
     EXPECT_EQ(g_shared_calls.load(), kThreads); // every callback ran; one block was kept
     int owner = -1;
     ASSERT_TRUE(block_complete(kSharedId, &owner));
