@@ -34,9 +34,9 @@ void OSL_Log_RecordToFile_Raw_V(const char *szPath, const char *szFormat, ...) {
     if (fp == nullptr) return;
     va_list ap;
     va_start(ap, szFormat);
-    vfprintf(fp, szFormat, ap);
+    (void)vfprintf(fp, szFormat, ap);
     va_end(ap);
-    fclose(fp);
+    (void)fclose(fp);
 }
 
 // Bounded copy that keeps the tail: when the text does not fit in n bytes the

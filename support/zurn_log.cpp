@@ -89,9 +89,9 @@ void rotate(LogContext &c) {
     for (int i = keep - 1; i >= 1; --i) {
         std::string from = c.path + "." + std::to_string(i);
         std::string to = c.path + "." + std::to_string(i + 1);
-        rename(from.c_str(), to.c_str());
+        (void)rename(from.c_str(), to.c_str()); // an older file may not exist yet
     }
-    rename(c.path.c_str(), (c.path + ".1").c_str());
+    (void)rename(c.path.c_str(), (c.path + ".1").c_str());
     open_file(c);
 }
 
@@ -200,7 +200,7 @@ int ZurnGeneral_RecordAppLogToFileEx2_V(uint64_t hContext, int iLevel, const cha
     } else {
         text.resize(static_cast<size_t>(n));
         va_start(ap, szFormat);
-        vsnprintf(&text[0], text.size() + 1, szFormat, ap);
+        (void)vsnprintf(text.data(), text.size() + 1, szFormat, ap);
         va_end(ap);
     }
     if (text.size() > cap) text.resize(cap);
@@ -212,8 +212,8 @@ int ZurnGeneral_RecordBinaryLogInfoEx2(uint64_t hContext, int iLevel, const char
                                        const char *szCaption, const void *pData, int iLength) {
     if (hContext == 0 || iLevel < g_threshold.load(std::memory_order_relaxed)) return 0;
     std::string text = szCaption ? szCaption : "";
-    char buf[8];
-    snprintf(buf, sizeof buf, "%d", iLength);
+    char buf[16]; // room for any int, sign included
+    (void)snprintf(buf, sizeof buf, "%d", iLength);
     text += " (";
     text += buf;
     text += " bytes)";

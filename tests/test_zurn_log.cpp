@@ -172,6 +172,14 @@ TEST_F(LogDir, HexDumpWritesCaptionAndSixteenBytesALine) {
     EXPECT_NE(l[0].find("src/memory:9 copy data (20 bytes)"), std::string::npos);
     EXPECT_EQ(l[1], "00000000: f0 f1 f2 f3 f4 f5 f6 f7 f8 f9 fa fb fc fd fe ff");
     EXPECT_EQ(l[2], "00000010: 00 01 02 03");
+
+    // The caption states the length in full, however many digits it has.
+    EXPECT_EQ(ZurnGeneral_RecordBinaryLogInfoEx2(h, 2, "src/memory", 10, "no data", nullptr, 123456789), 1);
+    EXPECT_EQ(ZurnGeneral_RecordBinaryLogInfoEx2(h, 2, "src/memory", 11, "no data", nullptr, -2147483647 - 1), 1);
+    l = lines("hex.log");
+    ASSERT_EQ(l.size(), 5u);
+    EXPECT_NE(l[3].find("src/memory:10 no data (123456789 bytes)"), std::string::npos) << l[3];
+    EXPECT_NE(l[4].find("src/memory:11 no data (-2147483648 bytes)"), std::string::npos) << l[4];
 }
 
 TEST_F(LogDir, SinkReceivesLevelPathLineAndTextAndCanReplaceTheFile) {
