@@ -96,4 +96,118 @@ ZURN_API void ZurnGeneral_SetLogSink(ZurnLogSinkFn pfnSink, void *pUser, int iMo
 }
 #endif
 
+/* ======================================================================
+ * Sockets and worker threads
+ * ======================================================================
+ *
+ * IPv4 TCP sockets kept in a fixed 48-byte record (ZurnSocket) whose first
+ * field is the operating system's descriptor. Descriptors are non-blocking
+ * and close-on-exec; connected sockets have TCP_NODELAY set. Every call
+ * returns 1 on success and another value on failure; after a failure,
+ * NetWork_GetErrorText() describes it, e.g. "connect: Connection refused".
+ * That text is kept per thread, so it always belongs to the calling thread's
+ * own last failed call.
+ *
+ * Time-outs are in milliseconds and bound the whole call; 0 means no limit
+ * (wait for as long as it takes). S_SendEx and S_ReceiveEx move exactly the
+ * bytes asked, resuming after partial transfers and interrupted calls; they
+ * never raise SIGPIPE. A peer that closes the connection, a reset, and a
+ * time-out with the transfer unfinished are all failures, after which the
+ * stream is no longer on a known boundary.
+ *
+ * One thread may send while another receives on the same record; anything
+ * else on one record is one thread at a time.
+ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct sockaddr_in;
+
+/* The socket record: 48 bytes, the descriptor first. A zero-filled record
+ * holds no socket (its state is ZURN_SOCKET_CLOSED). */
+typedef struct ZurnSocket {
+    int iFd;                /* the descriptor; -1 once closed */
+    int32_t iState;         /* one of ZURN_SOCKET_* */
+    uint32_t uiPeerAddr;    /* connected sockets: peer IPv4 address, network order */
+    uint16_t usPeerPort;    /* connected sockets: peer port, network order */
+    uint16_t usLocalPort;   /* bound, listening or connected sockets: local port, host order */
+    uint32_t uiReserved;
+    uint8_t aucReserved[28];
+} ZurnSocket;
+
+#define ZURN_SOCKET_CLOSED 0    /* no descriptor */
+#define ZURN_SOCKET_OPEN 1      /* made by S_Open, possibly bound */
+#define ZURN_SOCKET_LISTENING 2 /* S_Listen succeeded */
+#define ZURN_SOCKET_CONNECTED 3 /* S_Client or S_Accept succeeded */
+
+/* S_CanAccept results besides 0 (failure). */
+#define ZURN_ACCEPT_READY 1 /* a connection is waiting; S_Accept will not block */
+#define ZURN_ACCEPT_IDLE 2  /* the wait ended with nothing pending */
+
+/* Makes a new TCP socket in the record, replacing whatever it held without
+ * closing it. The three further arguments are reserved and must be 0. */
+ZURN_API int S_Open(ZurnSocket *pSocket, int iReserved1, int iReserved2, int iReserved3);
+
+/* Binds to a local address (dotted IPv4 or a host name; "0.0.0.0" for every
+ * interface) and port (0..65535; 0 lets the system choose). SO_REUSEADDR is
+ * set first, so a port in TIME_WAIT can be bound again at once. */
+ZURN_API int S_Bind(ZurnSocket *pSocket, const char *szAddr, int iPort);
+
+/* Starts listening with the given backlog. */
+ZURN_API int S_Listen(ZurnSocket *pSocket, int iBacklog);
+
+/* Waits on a listening socket for at most iWait tenths of a second (0: only
+ * look). Returns ZURN_ACCEPT_READY when a connection is waiting,
+ * ZURN_ACCEPT_IDLE when the wait ended without one (or was interrupted),
+ * 0 on failure. Serving loops call it with 2: an idle listen then wakes five
+ * times a second, which costs next to nothing and lets the loop notice a
+ * stop request within a fifth of a second. */
+ZURN_API int S_CanAccept(ZurnSocket *pSocket, int iWait);
+
+/* Accepts one connection from the listening socket (given by value) into
+ * *pNew, waiting at most uiTimeoutMs. The whole of *pNew is rewritten on
+ * success and left as it was on failure. */
+ZURN_API int S_Accept(ZurnSocket stListen, ZurnSocket *pNew, uint32_t uiTimeoutMs);
+
+/* Connects an opened socket to szAddr (dotted IPv4 or a host name) and
+ * iPort within uiTimeoutMs. */
+ZURN_API int S_Client(ZurnSocket *pSocket, const char *szAddr, int iPort, uint32_t uiTimeoutMs);
+
+/* Sends / receives exactly uiLength bytes within uiTimeoutMs (see above).
+ * A length of 0 succeeds at once without touching the socket. */
+ZURN_API int S_SendEx(ZurnSocket *pSocket, const void *pBuffer, uint32_t uiLength, uint32_t uiTimeoutMs);
+ZURN_API int S_ReceiveEx(ZurnSocket *pSocket, void *pBuffer, uint32_t uiLength, uint32_t uiTimeoutMs);
+
+/* Closes the socket and marks the record closed. With iFlag nonzero the
+ * connection is shut down in both directions first, which also wakes any
+ * other thread still waiting on it. Closing a closed record does nothing
+ * and succeeds. */
+ZURN_API int S_Close(ZurnSocket *pSocket, int iFlag);
+
+/* Fills *pAddr with the socket's local IPv4 address and port. */
+ZURN_API int S_GetSocketInfo(ZurnSocket stSocket, struct sockaddr_in *pAddr);
+
+/* The calling thread's last socket failure as "<call>: <reason>", or
+ * "Success" when it has had none. Valid until its next socket call. */
+ZURN_API const char *NetWork_GetErrorText(void);
+
+/* Starts a thread running pfnEntry(pArg). Its identifier is stored in
+ * *puiThread before pfnEntry starts, so the new thread may already find it
+ * there. The thread is joinable until ZurnGeneral_DetachWorkingThread.
+ * Returns 1 on success; any other value on failure, with errno set. */
+typedef void *(*ZurnThreadEntry)(void *pArg);
+ZURN_API int ZurnGeneral_CreateWorkingThread(ZurnThreadEntry pfnEntry, void *pArg, uint64_t *puiThread);
+
+/* Detaches a thread started by ZurnGeneral_CreateWorkingThread. Only the
+ * first call for a thread detaches it; later calls for the same thread, and
+ * calls with identifiers this library did not start, do nothing. Returns 1
+ * when it detached the thread, 0 otherwise. */
+ZURN_API int ZurnGeneral_DetachWorkingThread(uint64_t uiThread);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* ZURN_GENERAL_H */
