@@ -4,7 +4,7 @@
 #include "osl_frame.h"
 #include "ostrel_error.h"
 
-uint32_t g_OSL_errno = 0;
+OslLastError g_OSL_errno;
 
 namespace {
 

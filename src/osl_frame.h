@@ -24,10 +24,8 @@
 #define OSL_LOG_BIN(level, caption, data, len) \
     ZurnGeneral_RecordBinaryLogInfoEx2(_hErvix_LogContext, (level), OSL_SRC_PATH, __LINE__, (caption), (data), (len))
 
-// Stores the process-wide last error. Threads of thread groups and of the
-// transport's workers write it at the same time; a relaxed atomic store keeps
-// that well defined (the value is still simply the latest one written).
-#define OSL_SET_LAST_ERROR(code) __atomic_store_n(&g_OSL_errno, (uint32_t)(code), __ATOMIC_RELAXED)
+// Stores the process-wide last error (a relaxed atomic store, see OslLastError).
+#define OSL_SET_LAST_ERROR(code) (g_OSL_errno = (uint32_t)(code))
 
 // True when h is non-null and its first 32-bit field is the kind's magic.
 inline bool OSL_HandleOk(const void *h, uint32_t magic) {

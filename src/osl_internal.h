@@ -3,11 +3,28 @@
 #ifndef OSL_INTERNAL_H
 #define OSL_INTERNAL_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
-// Process-wide last error; written without a lock by every exported function.
-extern uint32_t g_OSL_errno;
+// The process-wide last error: one unsigned 32-bit cell written without a lock
+// by every exported function on every thread. Plain assignments and reads are
+// relaxed atomic operations, so concurrent writers are well defined and cost
+// no more than ordinary stores; a reader sees the latest value written by
+// any thread.
+class OslLastError {
+public:
+    OslLastError &operator=(uint32_t v) {
+        value_.store(v, std::memory_order_relaxed);
+        return *this;
+    }
+    operator uint32_t() const { return value_.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<uint32_t> value_{0};
+};
+static_assert(sizeof(OslLastError) == 4, "the last error is one 32-bit cell");
+extern OslLastError g_OSL_errno;
 // The library's log context, opened once at load time.
 extern uint64_t _hErvix_LogContext;
 extern const char g_Ostrel_VersionString[];
