@@ -48,24 +48,32 @@ constexpr size_t kHeaderLen = sizeof(MemHeader);
 constexpr size_t kBlockExtra = kHeaderLen + sizeof(uint32_t);
 static_assert(kBlockExtra == 100, "a tracked block is 100 bytes longer than asked");
 
-// One-way switch and the "an allocation function has run" flag. Relaxed
-// atomics: they cost a plain load/store, and threads may read them at once.
-std::atomic<uint32_t> l_mem_debug_option{0};
-std::atomic<uint32_t> l_mem_api_invoked{0};
+// The one-way debugging switch and the "an allocation function has run" flag,
+// in one word so that the usual state (run, debugging off) is one load and
+// one compare on the way to the system allocator, and so that the switch and
+// the first allocation decide atomically which came first.
+constexpr uint32_t kApiInvoked = 1u;
+constexpr uint32_t kDebugOn = 2u;
+std::atomic<uint32_t> l_mem_state{0};
 
 // Created at load time only when debugging is already on then.
 pthread_mutex_t *l_leak_mutex = nullptr;
 uint32_t l_leak_count = 0;
 MemHeader *l_leak_newest = nullptr;
 
-inline void mark_api_invoked() {
-    // Written once; later calls only read, so the line is not bounced between
-    // threads on every allocation.
-    if (l_mem_api_invoked.load(std::memory_order_relaxed) == 0)
-        l_mem_api_invoked.store(1, std::memory_order_relaxed);
+// Fast-path test: true unless an allocation function has run with debugging
+// off. Once that holds it holds for good, since debugging can only be
+// switched on before the first call.
+inline bool not_plain() { return __builtin_expect(l_mem_state.load(std::memory_order_relaxed) != kApiInvoked, 0); }
+
+// Sets the flag and tells whether debugging is on.
+inline bool mark_invoked_debug_on() {
+    uint32_t s = l_mem_state.load(std::memory_order_relaxed);
+    if ((s & kApiInvoked) == 0) s = l_mem_state.fetch_or(kApiInvoked, std::memory_order_acq_rel);
+    return (s & kDebugOn) != 0;
 }
 
-inline bool debug_on() { return __builtin_expect(l_mem_debug_option.load(std::memory_order_relaxed) != 0, 0); }
+inline bool debug_on() { return (l_mem_state.load(std::memory_order_relaxed) & kDebugOn) != 0; }
 
 // The leak list's lock. While the global lock is null (always, since it is
 // only made at load time and debugging is never on then), each tracked call
@@ -176,6 +184,73 @@ void write_crashed(const char *szPath, const MemHeader *h) {
     OSL_Log_RecordToFile_Raw_V(szPath, "Crashed memory block: %p.\n", static_cast<const void *>(h));
 }
 
+// Result of a system-allocator call with debugging off.
+inline void *plain_result(void *p) {
+    g_OSL_errno = p ? 0 : OSL_ERR_NO_MEMORY;
+    return p;
+}
+
+inline void *no_memory() {
+    g_OSL_errno = OSL_ERR_NO_MEMORY;
+    return nullptr;
+}
+
+// The slow paths: first calls of the process, and every call in debugging
+// mode. Kept out of line so the usual path stays a load, a compare and the
+// system call.
+__attribute__((noinline)) void *malloc_slow(uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+    if (!mark_invoked_debug_on()) return plain_result(malloc(static_cast<size_t>(ullSize)));
+    size_t len = tracked_len(ullSize);
+    void *block = len ? malloc(len) : nullptr;
+    if (block == nullptr) return no_memory();
+    return track(block, ullSize, szFile, uiLine);
+}
+
+__attribute__((noinline)) void *calloc_slow(uint64_t ullCount, uint64_t ullSize, const char *szFile,
+                                            uint32_t uiLine) {
+    if (!mark_invoked_debug_on())
+        return plain_result(calloc(static_cast<size_t>(ullCount), static_cast<size_t>(ullSize)));
+    uint64_t total = 0;
+    size_t len = __builtin_mul_overflow(ullCount, ullSize, &total) ? 0 : tracked_len(total);
+    void *block = len ? calloc(1, len) : nullptr;
+    if (block == nullptr) return no_memory();
+    return track(block, total, szFile, uiLine);
+}
+
+__attribute__((noinline)) void *realloc_slow(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+    if (!mark_invoked_debug_on()) return plain_result(realloc(pvMem, static_cast<size_t>(ullSize)));
+    // A good block is resized from its header; anything else (null, or a
+    // pointer whose magic or guard is not ours) goes to realloc as it is.
+    void *base = pvMem;
+    if (pvMem != nullptr) {
+        MemHeader *h = header_of(pvMem);
+        if (block_ok(h)) {
+            leak_unlink(h);
+            base = h;
+        }
+    }
+    size_t len = tracked_len(ullSize);
+    void *block = len ? realloc(base, len) : nullptr;
+    if (block == nullptr) return no_memory(); // the old block stays valid for the caller, off the list
+    return track(block, ullSize, szFile, uiLine);
+}
+
+__attribute__((noinline)) void free_slow(void *pvMem) {
+    if (!mark_invoked_debug_on()) {
+        free(pvMem);
+        return;
+    }
+    if (pvMem == nullptr) return; // nothing in front of it to release
+    MemHeader *h = header_of(pvMem);
+    if (block_ok(h)) {
+        leak_unlink(h);
+        h->uiMagic = 0;
+    }
+    // A block whose magic or guard is broken is released as well, without
+    // being taken off the list and without a word.
+    free(h);
+}
+
 } // namespace
 
 void OSL_Mem_LeakMutexInit(void) {
@@ -192,80 +267,26 @@ void OSL_Mem_LeakMutexInit(void) {
 extern "C" {
 
 OSTREL_API void *Ostrel_Malloc_D(uint64_t ullSize, const char *szFile, uint32_t uiLine) {
-    mark_api_invoked();
-    if (!debug_on()) {
-        void *p = malloc(static_cast<size_t>(ullSize));
-        g_OSL_errno = p ? 0 : OSL_ERR_NO_MEMORY;
-        return p;
-    }
-    size_t len = tracked_len(ullSize);
-    void *block = len ? malloc(len) : nullptr;
-    if (block == nullptr) {
-        g_OSL_errno = OSL_ERR_NO_MEMORY;
-        return nullptr;
-    }
-    return track(block, ullSize, szFile, uiLine);
+    if (not_plain()) return malloc_slow(ullSize, szFile, uiLine);
+    return plain_result(malloc(static_cast<size_t>(ullSize)));
 }
 
 OSTREL_API void *Ostrel_Calloc_D(uint64_t ullCount, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
-    mark_api_invoked();
-    if (!debug_on()) {
-        void *p = calloc(static_cast<size_t>(ullCount), static_cast<size_t>(ullSize));
-        g_OSL_errno = p ? 0 : OSL_ERR_NO_MEMORY;
-        return p;
-    }
-    uint64_t total = 0;
-    size_t len = __builtin_mul_overflow(ullCount, ullSize, &total) ? 0 : tracked_len(total);
-    void *block = len ? calloc(1, len) : nullptr;
-    if (block == nullptr) {
-        g_OSL_errno = OSL_ERR_NO_MEMORY;
-        return nullptr;
-    }
-    return track(block, total, szFile, uiLine);
+    if (not_plain()) return calloc_slow(ullCount, ullSize, szFile, uiLine);
+    return plain_result(calloc(static_cast<size_t>(ullCount), static_cast<size_t>(ullSize)));
 }
 
 OSTREL_API void *Ostrel_Realloc_D(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
-    mark_api_invoked();
-    if (!debug_on()) {
-        void *p = realloc(pvMem, static_cast<size_t>(ullSize));
-        g_OSL_errno = p ? 0 : OSL_ERR_NO_MEMORY;
-        return p;
-    }
-    // A good block is resized from its header; anything else (null, or a
-    // pointer whose magic or guard is not ours) goes to realloc as it is.
-    void *base = pvMem;
-    if (pvMem != nullptr) {
-        MemHeader *h = header_of(pvMem);
-        if (block_ok(h)) {
-            leak_unlink(h);
-            base = h;
-        }
-    }
-    size_t len = tracked_len(ullSize);
-    void *block = len ? realloc(base, len) : nullptr;
-    if (block == nullptr) {
-        // The old block stays valid for the caller, off the leak list.
-        g_OSL_errno = OSL_ERR_NO_MEMORY;
-        return nullptr;
-    }
-    return track(block, ullSize, szFile, uiLine);
+    if (not_plain()) return realloc_slow(pvMem, ullSize, szFile, uiLine);
+    return plain_result(realloc(pvMem, static_cast<size_t>(ullSize)));
 }
 
 OSTREL_API void Ostrel_Free(void *pvMem) {
-    mark_api_invoked();
-    if (!debug_on()) {
-        free(pvMem);
+    if (not_plain()) {
+        free_slow(pvMem);
         return;
     }
-    if (pvMem == nullptr) return; // nothing in front of it to release
-    MemHeader *h = header_of(pvMem);
-    if (block_ok(h)) {
-        leak_unlink(h);
-        h->uiMagic = 0;
-    }
-    // A block whose magic or guard is broken is released as well, without
-    // being taken off the list and without a word.
-    free(h);
+    free(pvMem);
 }
 
 OSTREL_API void Ostrel_MemorySummary(const char *szFilePath) {
@@ -326,8 +347,9 @@ OSTREL_API uint32_t Ostrel_SetOption(int32_t iIndex, void *pvValue) {
         OSL_LOG(LOG_LEVEL_ERROR, "Unknown option index: %d.", iIndex);
         OSL_RETURN(OSL_ERR_INVALID_PARAMETER);
     }
-    if (debug_on()) OSL_RETURN(0);
-    if (l_mem_api_invoked.load(std::memory_order_relaxed) != 0) {
+    uint32_t state = l_mem_state.load(std::memory_order_acquire);
+    if (state & kDebugOn) OSL_RETURN(0);
+    if (state & kApiInvoked) {
         OSL_LOG(LOG_LEVEL_ERROR, "Memory debug option must be set before invoking any memory API.");
         OSL_RETURN(OSL_ERR_INVALID_COMMAND);
     }
@@ -335,7 +357,13 @@ OSTREL_API uint32_t Ostrel_SetOption(int32_t iIndex, void *pvValue) {
         OSL_LOG(LOG_LEVEL_ERROR, "Invalid option value for memory debug option: %p.", pvValue);
         OSL_RETURN(OSL_ERR_INVALID_PARAMETER);
     }
-    l_mem_debug_option.store(1, std::memory_order_relaxed);
+    // Switched on only if still untouched; an allocation function that got in
+    // first (or a concurrent switch) decides otherwise.
+    if (!l_mem_state.compare_exchange_strong(state, kDebugOn, std::memory_order_acq_rel)) {
+        if (state & kDebugOn) OSL_RETURN(0);
+        OSL_LOG(LOG_LEVEL_ERROR, "Memory debug option must be set before invoking any memory API.");
+        OSL_RETURN(OSL_ERR_INVALID_COMMAND);
+    }
     OSL_RETURN(0);
 }
 
