@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Builds Ostrel and runs the whole test suite in every configuration CI uses:
 #   plain (-Werror), ThreadSanitizer, libFuzzer runs (clang, bounded time),
+#   AArch64 and big-endian s390x cross builds with the suite under qemu-user,
+#   analysis (clang-tidy, cppcheck, valgrind memcheck over the plain build),
 #   and AddressSanitizer + UndefinedBehaviorSanitizer last.
 # Any failure or sanitizer finding stops the run with a non-zero status.
 # Environment: OSTREL_FUZZ_SECONDS (default 60) bounds each fuzz target's run;
-# OSTREL_STAGES (default "plain tsan fuzz asan") picks stages.
+# OSTREL_STAGES (default "plain tsan fuzz aarch64 s390x analysis asan") picks stages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
 
-stages=${OSTREL_STAGES:-"plain tsan fuzz asan"}
+stages=${OSTREL_STAGES:-"plain tsan fuzz aarch64 s390x analysis asan"}
 fuzz_seconds=${OSTREL_FUZZ_SECONDS:-60}
 jobs=$(nproc)
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
@@ -39,7 +41,7 @@ for s in $stages; do
     stage_end plain ;;
   tsan)
     stage_start tsan
-    build_and_test tsan -DOSTREL_SANITIZE=thread -DOSTREL_BUILD_EXAMPLES=OFF
+    build_and_test tsan -DOSTREL_SANITIZE=thread
     stage_end tsan ;;
   fuzz)
     if ls fuzz/fuzz_*.cpp >/dev/null 2>&1; then
@@ -71,6 +73,19 @@ for s in $stages; do
       done
       stage_end fuzz
     fi ;;
+  aarch64 | s390x)
+    # Release cross build (library, support library, examples, tests); the
+    # suite runs under qemu-user, on s390x with the host byte order big-endian.
+    stage_start "$s"
+    OSTREL_CROSS_BUILD_DIR="$root/build-ci-$s" bash scripts/cross.sh "$s"
+    last_summary=$(grep -E '^[0-9]+% tests passed' "$root/build-ci-$s/ctest.out" | tail -n 1)
+    stage_end "$s" ;;
+  analysis)
+    # Shares the plain build: only compile commands are added to it.
+    stage_start analysis
+    OSTREL_ANALYZE_BUILD_DIR="$root/build-ci-plain" bash scripts/analyze.sh
+    last_summary=$(grep -E '^[0-9]+% tests passed' "$root/build-ci-plain/analysis/memcheck.txt" | tail -n 1)
+    stage_end analysis ;;
   asan)
     stage_start asan
     build_and_test asan -DOSTREL_SANITIZE="address;undefined"
