@@ -171,7 +171,7 @@ void *track(void *pvBlock, uint64_t ullSize, const char *szFile, uint32_t uiLine
     auto *h = static_cast<MemHeader *>(pvBlock);
     fill_header(h, ullSize, szFile, uiLine);
     leak_insert(h);
-    g_OSL_errno = 0;
+    OSL_SET_LAST_ERROR(0);
     return user_of(h);
 }
 
@@ -186,12 +186,12 @@ void write_crashed(const char *szPath, const MemHeader *h) {
 
 // Result of a system-allocator call with debugging off.
 inline void *plain_result(void *p) {
-    g_OSL_errno = p ? 0 : OSL_ERR_NO_MEMORY;
+    OSL_SET_LAST_ERROR(p ? 0 : OSL_ERR_NO_MEMORY);
     return p;
 }
 
 inline void *no_memory() {
-    g_OSL_errno = OSL_ERR_NO_MEMORY;
+    OSL_SET_LAST_ERROR(OSL_ERR_NO_MEMORY);
     return nullptr;
 }
 

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log_capture.h"
@@ -287,6 +288,27 @@ TEST_F(MemoryDebug, ImpossibleSizesFailWithNoMemory) {
     EXPECT_EQ(Ostrel_Realloc_D(nullptr, UINT64_MAX, "r.c", 4), nullptr);
     EXPECT_EQ(Ostrel_GetLastError(), OSL_ERR_NO_MEMORY);
     Ostrel_Free(nullptr); // ignored
+    EXPECT_EQ(summary(), kEmpty);
+}
+
+TEST_F(MemoryDebug, LeakListLockMadeAtLoadTimeSerialisesThreads) {
+    // The load-time step makes the list's lock only when debugging is already
+    // on; run again now, it does, and tracked calls from several threads at
+    // once then keep the list whole.
+    OSL_Mem_LeakMutexInit();
+    unsigned char *keep = alloc(7, "keep.c", 1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 500; ++i) {
+                void *p = Ostrel_Malloc_D(static_cast<uint64_t>(i % 50 + 1), "t.c", static_cast<uint32_t>(t));
+                p = Ostrel_Realloc_D(p, static_cast<uint64_t>(i % 70 + 1), "t.c", static_cast<uint32_t>(t));
+                Ostrel_Free(p);
+            }
+        });
+    for (auto &th : threads) th.join();
+    EXPECT_EQ(summary(), kNew + block_line(7, "keep.c", 1));
+    Ostrel_Free(keep);
     EXPECT_EQ(summary(), kEmpty);
 }
 
