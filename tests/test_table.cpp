@@ -295,7 +295,7 @@ TEST(TableSort, InsertionOrderKeyOrderAndTheSettlingRule) {
     ASSERT_EQ(Ostrel_Table_SetProperty(own.h, TABLE_PROP_SORT_FUNCTION, reinterpret_cast<uintptr_t>(&descending)), 0u);
     add_strings(own.h, {"b", "a", "c"});
     EXPECT_EQ(string_walk(own.h, TABLE_ITERATE_FORWARD), (Strings{"c", "b", "a"}));
-    EXPECT_EQ(own.range(), 8u); // Verify checks the order with the table's sort function
+    EXPECT_EQ(own.range(), 8u);
 }
 
 TEST(TableSort, ByteArrayPrefixesSortEqualAndEmptiedTablesKeepTheStringDefault) {
