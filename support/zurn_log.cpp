@@ -176,6 +176,11 @@ int ZurnGeneral_IsNeedLogFile(const LogFileSettings *pSettings, uint64_t *phCont
         slot->settings.szModuleName = nullptr; // the caller's text need not outlive the call
         const char *dir = getenv("ZURN_LOG_DIR");
         std::string d = (dir != nullptr && *dir != '\0') ? dir : ".";
+        // Fixed now: a later chdir() of the process must not move the log.
+        if (d[0] != '/') {
+            char cwd[4096];
+            if (getcwd(cwd, sizeof cwd) != nullptr) d = std::string(cwd) + "/" + d;
+        }
         slot->path = d + "/" + slot->module + ".log";
     }
     *phContext = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(slot.get()));

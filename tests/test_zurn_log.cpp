@@ -213,3 +213,19 @@ TEST_F(LogDir, LongMessagesAreCutAtTheLineLimit) {
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(LogDir, RelativeDirectoryIsFixedWhenTheContextOpens) {
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    setenv("ZURN_LOG_DIR", ".", 1);
+    uint64_t h = open_ctx("rel");
+    ASSERT_EQ(chdir("/"), 0);
+    ZurnGeneral_RecordAppLogToFileEx2_V(h, 8, "src/x", 1, "after chdir");
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_EQ(lines("rel.log").size(), 1u);
+}
+
+} // namespace
