@@ -6,10 +6,14 @@
 #   bash scripts/cross.sh s390x      # IBM Z, big-endian
 #
 # Installs what is missing (cross compiler, qemu-user, GoogleTest sources),
+# fetches the target's builds of the libraries the tests link (zlib) from the
+# Debian archive into a cache without touching the system's package set,
 # configures with cmake/toolchains/<arch>-linux-gnu.cmake, builds, checks that
 # the binaries really are for the target and runs ctest. Extra arguments go to
 # cmake's configure step (e.g. -DOSTREL_BUILD_EXAMPLES=OFF).
 # Environment: OSTREL_CROSS_BUILD_DIR (default build-cross-<arch>),
+# OSTREL_CROSS_CACHE (default /var/cache/ostrel-cross as root, else
+# ~/.cache/ostrel-cross) for the fetched target libraries,
 # OSTREL_CROSS_BUILD_TYPE (default Release), OSTREL_JOBS (default: nproc, at most 2).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -17,8 +21,8 @@ cd "$root"
 
 arch=${1:-}
 case $arch in
-aarch64) machine="AArch64"; order="little endian" ;;
-s390x) machine="IBM S/390"; order="big endian" ;;
+aarch64) machine="AArch64"; order="little endian"; arch_deb=arm64 ;;
+s390x) machine="IBM S/390"; order="big endian"; arch_deb=s390x ;;
 *) echo "usage: $0 aarch64|s390x [cmake args...]" >&2; exit 2 ;;
 esac
 shift
@@ -31,8 +35,28 @@ jobs=${OSTREL_JOBS:-$(nproc)}
 
 bash scripts/setup.sh "g++-$triple" qemu-user googletest
 
+# Target libraries: fetched with a private apt state that knows only the
+# target architecture, so the system's own package lists and dpkg database
+# stay as they are, and unpacked (no dependency resolution, no maintainer
+# scripts) into a root that the toolchain file adds to its search roots.
+target_debs=(zlib1g zlib1g-dev)
+if [ "$(id -u)" -eq 0 ]; then cache_default=/var/cache/ostrel-cross; else cache_default="$HOME/.cache/ostrel-cross"; fi
+cache=${OSTREL_CROSS_CACHE:-$cache_default}/$arch
+deps_root="$cache/root"
+if [ "$(cat "$cache/fetched" 2>/dev/null)" != "${target_debs[*]}" ]; then
+  rm -rf "$cache"
+  mkdir -p "$cache/lists/partial" "$cache/apt/archives/partial" "$cache/debs" "$deps_root"
+  apt_opts=(-o "APT::Architecture=$arch_deb" -o "APT::Architectures=$arch_deb" -o "Dir::State::Lists=$cache/lists"
+    -o "Dir::Cache=$cache/apt" -o "APT::Sandbox::User=root")
+  apt-get "${apt_opts[@]}" update -qq
+  (cd "$cache/debs" && apt-get "${apt_opts[@]}" download -qq "${target_debs[@]}")
+  for deb in "$cache"/debs/*.deb; do dpkg-deb -x "$deb" "$deps_root"; done
+  rm -rf "$cache/lists" "$cache/apt" "$cache/debs"
+  echo "${target_debs[*]}" >"$cache/fetched"
+fi
+
 cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
-  -DCMAKE_BUILD_TYPE="$build_type" -DOSTREL_WERROR=ON "$@" >/dev/null
+  -DOSTREL_CROSS_DEPS_ROOT="$deps_root" -DCMAKE_BUILD_TYPE="$build_type" -DOSTREL_WERROR=ON "$@" >/dev/null
 cmake --build "$dir" -j "$jobs"
 
 # A toolchain mix-up would otherwise show up only as a suspiciously easy pass.

@@ -16,6 +16,13 @@ set(CMAKE_C_FLAGS_INIT "${OSTREL_TARGET_ARCH_FLAGS}")
 set(CMAKE_CXX_FLAGS_INIT "${OSTREL_TARGET_ARCH_FLAGS}")
 
 set(CMAKE_FIND_ROOT_PATH ${OSTREL_CROSS_ROOT})
+# Target builds of further libraries (zlib for the tests), unpacked from Debian
+# packages by scripts/cross.sh. Their shared-library links point at the build
+# machine's /lib, so the static archives are linked.
+if(OSTREL_CROSS_DEPS_ROOT)
+  list(APPEND CMAKE_FIND_ROOT_PATH ${OSTREL_CROSS_DEPS_ROOT})
+  set(ZLIB_USE_STATIC_LIBS ON)
+endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
