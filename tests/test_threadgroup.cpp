@@ -54,7 +54,7 @@ struct Pipe {
 
 class ThreadGroupTest : public ::testing::Test {
 protected:
-    void SetUp() override { baseline_threads_ = tgtest::live_threads(); }
+    void SetUp() override { baseline_threads_ = tgtest::thread_baseline(); }
     // Detached threads may still be closing their control pair: let them go
     // before the next test (or the fixture's log capture) goes away.
     void TearDown() override { EXPECT_TRUE(tgtest::threads_back_to(baseline_threads_)); }

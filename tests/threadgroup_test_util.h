@@ -15,9 +15,17 @@
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OSTREL_TEST_SANITIZED 1
-#include <sanitizer/allocator_interface.h>
-#else
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OSTREL_TEST_SANITIZED 1
+#endif
+#endif
+#ifndef OSTREL_TEST_SANITIZED
 #define OSTREL_TEST_SANITIZED 0
+#endif
+#if OSTREL_TEST_SANITIZED
+// From the sanitizer runtime's allocator interface.
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 #endif
 
 namespace tgtest {
@@ -55,6 +63,14 @@ inline bool eventually(const std::function<bool()> &cond, int bound_seconds = 60
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// The process's thread count once the sanitizer runtimes have started any
+// helper thread of their own (ThreadSanitizer starts one with the first
+// thread the program creates).
+inline int thread_baseline() {
+    std::thread([] {}).join();
+    return live_threads();
 }
 
 // Detached threads still run their last steps (closing the control pair,
