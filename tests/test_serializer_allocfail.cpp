@@ -1,0 +1,135 @@
+// Allocation failures in the serializer: the handle record, the first output
+// block, growing the block, and the memory that '@N' reads hand out. The
+// allocator is interposed here, so this suite runs only in builds without a
+// sanitizer runtime.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+#include "osl_internal.h"
+#include "ostrel_error.h"
+#include "test_serializer_util.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OSTREL_ALLOC_INTERPOSED 0
+#else
+#define OSTREL_ALLOC_INTERPOSED 1
+
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+extern "C" void *__libc_realloc(void *, size_t);
+
+namespace {
+// Number of allocations still allowed before one fails; negative: never fail.
+int g_allocs_before_failure = -1;
+
+bool fail_now() {
+    if (g_allocs_before_failure < 0) return false;
+    return g_allocs_before_failure-- == 0;
+}
+} // namespace
+
+extern "C" void *malloc(size_t n) { return fail_now() ? nullptr : __libc_malloc(n); }
+extern "C" void *calloc(size_t a, size_t b) { return fail_now() ? nullptr : __libc_calloc(a, b); }
+extern "C" void *realloc(void *p, size_t n) { return fail_now() ? nullptr : __libc_realloc(p, n); }
+#endif
+
+using namespace slz_test;
+
+namespace {
+
+#if OSTREL_ALLOC_INTERPOSED
+void fail_allocation_number(int n) { g_allocs_before_failure = n; }
+#else
+void fail_allocation_number(int) {}
+#endif
+
+std::string line(const std::string &text) { return std::string(kPath) + "|" + text; }
+
+class SerializerAllocFailure : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!OSTREL_ALLOC_INTERPOSED) GTEST_SKIP() << "allocator owned by the sanitizer runtime";
+    }
+};
+
+TEST_F(SerializerAllocFailure, HandleAndFirstBlock) {
+    LogCapture cap;
+    const Ostrel_SerializerConfig c = config(kLE, 8, kUnordered);
+    Ostrel_Serializer *h = nullptr;
+    g_OSL_errno = 0x12345;
+    fail_allocation_number(0);
+    EXPECT_EQ(Ostrel_Serializer_SerializeInit(&c, &h), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(g_OSL_errno, 0x12345u); // the record's own allocation is not stored
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
+              std::vector<std::string>{line("Error in Ostrel_Serializer_SerializeInit, alloc(104) failed.")});
+    EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE),
+              std::vector<std::string>{line("<===Exit Ostrel_Serializer_SerializeInit with 0x90006")});
+
+    cap.clear();
+    fail_allocation_number(1); // the handle succeeds, its buffer (16 + 255 * 8 -> 2560 bytes) fails
+    EXPECT_EQ(Ostrel_Serializer_SerializeInit(&c, &h), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(g_OSL_errno, OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
+              (std::vector<std::string>{line("Error in __OSL_Slz_PrepareBuffer, alloc(2560) failed."),
+                                        line("Prepare serialized output buffer failed.")}));
+    EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE),
+              std::vector<std::string>{line("<===Exit __OSL_Slz_PrepareBuffer with 0x90006")});
+
+    std::vector<unsigned char> empty = unhex("E2 00 02 04 0C 00 00 00 00 0C 0C 00");
+    cap.clear();
+    fail_allocation_number(0);
+    EXPECT_EQ(Ostrel_Serializer_DeserializeInit(empty.data(), 12, &h), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
+              std::vector<std::string>{line("Error in Ostrel_Serializer_DeserializeInit, alloc(104) failed.")});
+}
+
+TEST_F(SerializerAllocFailure, GrowingKeepsThePacketAsItWas) {
+    Writer w(kBE, 4, kOrdered);
+    ASSERT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%d", 1), 0u);
+    std::vector<int32_t> big(200, 3);
+    LogCapture cap;
+    fail_allocation_number(0);
+    EXPECT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%d %ad", 2, big.data(), 200), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(Ostrel_GetLastError(), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
+              (std::vector<std::string>{line("Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed."),
+                                        line("Prepare serialized output buffer failed."),
+                                        line("Serialize parameter 2 failed.")}));
+    // The "%d" of the failed call stays; the array left nothing behind.
+    EXPECT_EQ(w.packet(), "E2 00 03 04 00 00 00 1C 02 0C 00 0C 04 00 00 04 00 00 00 01 04 00 00 04 00 00 00 02");
+    ASSERT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%ad", big.data(), 200), 0u);
+    Reader r(w.bytes());
+    ASSERT_EQ(r.rc, 0u);
+}
+
+TEST_F(SerializerAllocFailure, AllocatingReads) {
+    Writer w(kLE, 4, kOrdered);
+    const int32_t arr[] = {1, 2, 3};
+    ASSERT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%ad %s %l", arr, 3, "hello", int64_t{9}), 0u);
+    Reader r(w.bytes());
+    LogCapture cap;
+    void *p = nullptr;
+    unsigned n = 0;
+    fail_allocation_number(0);
+    EXPECT_EQ(Ostrel_Serializer_Deserialize(r.h, "@Nad", &p, &n), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(Ostrel_GetLastError(), OSL_ERR_NO_MEMORY);
+    ASSERT_EQ(Ostrel_Serializer_Deserialize(r.h, "%ad", nullptr, &n), 0u);
+    fail_allocation_number(0);
+    EXPECT_EQ(Ostrel_Serializer_Deserialize(r.h, "@Ns", &p), OSL_ERR_NO_MEMORY);
+    ASSERT_EQ(Ostrel_Serializer_Deserialize(r.h, "%s", nullptr), 0u);
+    fail_allocation_number(0);
+    EXPECT_EQ(Ostrel_Serializer_Deserialize(r.h, "@Nl", &p), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
+              (std::vector<std::string>{line("Alloc memory (size=3*4) failed."), line("Deserialize parameter 1 failed."),
+                                        line("Alloc memory (size=6) failed."), line("Deserialize parameter 1 failed."),
+                                        line("Alloc memory (size=8) failed."), line("Deserialize parameter 1 failed.")}));
+}
+
+} // namespace
