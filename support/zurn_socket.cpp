@@ -1,7 +1,7 @@
-// libZurn_general sockets: IPv4 TCP on non-blocking descriptors. Every
-// transfer first tries the system call and waits with poll() only when the
-// socket is not ready, so a busy connection costs one system call per
-// transfer and a time-out costs nothing until it is needed.
+// libZurn_general sockets: IPv4 TCP. Listening descriptors are non-blocking
+// and waited on with poll(); connected ones block, with the time-out kept as
+// a socket option, so a transfer that can go ahead is one system call and a
+// wait costs no extra call.
 #include "zurn_general.h"
 
 #include <arpa/inet.h>
@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -43,7 +44,8 @@ using Clock = std::chrono::steady_clock;
 
 // The end of a time-out; a time-out of 0 never ends.
 struct Deadline {
-    explicit Deadline(uint32_t ms) : limited(ms != 0), end(Clock::now() + std::chrono::milliseconds(ms)) {}
+    explicit Deadline(uint32_t ms)
+        : limited(ms != 0), end(limited ? Clock::now() + std::chrono::milliseconds(ms) : Clock::time_point{}) {}
     // Milliseconds left for poll(): -1 without a limit, 0 once passed.
     int remaining() const {
         if (!limited) return -1;
@@ -141,6 +143,73 @@ void set_nodelay(int fd) {
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
+// Sets the descriptor's wait limit for one direction unless it is already
+// in force (*cached), so a run of calls with one time-out pays nothing.
+bool set_wait_limit(int fd, int option, uint32_t *cached, uint32_t ms) {
+    if (*cached == ms) return true;
+    struct timeval tv {};
+    tv.tv_sec = static_cast<time_t>(ms / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+    if (setsockopt(fd, SOL_SOCKET, option, &tv, sizeof tv) != 0) return false;
+    *cached = ms;
+    return true;
+}
+
+// Moves exactly `length` bytes. Connected descriptors block, so a transfer
+// that can go ahead costs one system call; the descriptor's wait limit
+// bounds each call and is tightened as the whole time-out runs down. A
+// descriptor found non-blocking is waited on with poll() instead.
+int transfer(ZurnSocket *s, void *buffer, uint32_t length, uint32_t timeout_ms, bool sending) {
+    const char *call = sending ? "send" : "recv";
+    int option = sending ? SO_SNDTIMEO : SO_RCVTIMEO;
+    uint32_t *cached = sending ? &s->uiSendWaitMs : &s->uiRecvWaitMs;
+    Deadline dl(timeout_ms);
+    if (!set_wait_limit(s->iFd, option, cached, timeout_ms)) {
+        set_errno_text("setsockopt", errno);
+        return 0;
+    }
+    char *p = static_cast<char *>(buffer);
+    size_t left = length;
+    while (left > 0) {
+        ssize_t n = sending ? send(s->iFd, p, left, MSG_NOSIGNAL) : recv(s->iFd, p, left, 0);
+        if (n > 0) {
+            p += n;
+            left -= static_cast<size_t>(n);
+        } else if (n == 0 && !sending) {
+            set_error_text(call, "Connection closed by peer");
+            return 0;
+        } else if (n < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
+            set_errno_text(call, errno);
+            return 0;
+        } else if (n < 0 && errno != EINTR) {
+            // The wait limit ran out, or the descriptor does not block.
+            if (!wait_ready(s->iFd, sending ? POLLOUT : POLLIN, dl, timeout_ms, call)) return 0;
+            continue;
+        }
+        if (left > 0 && dl.limited) {
+            int remaining = dl.remaining();
+            if (remaining == 0) {
+                char reason[64];
+                snprintf(reason, sizeof reason, "Timed out after %u ms", timeout_ms);
+                set_error_text(call, reason);
+                return 0;
+            }
+            if (static_cast<uint32_t>(remaining) < *cached &&
+                !set_wait_limit(s->iFd, option, cached, static_cast<uint32_t>(remaining))) {
+                set_errno_text("setsockopt", errno);
+                return 0;
+            }
+        }
+    }
+    return 1;
+}
+
+// Connected sockets block; their waits are bounded by socket options.
+bool make_blocking(int fd) {
+    int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
 } // namespace
 
 extern "C" {
@@ -223,8 +292,7 @@ int S_Accept(ZurnSocket stListen, ZurnSocket *pNew, uint32_t uiTimeoutMs) {
     for (;;) {
         struct sockaddr_in peer {};
         socklen_t len = sizeof peer;
-        int fd = accept4(stListen.iFd, reinterpret_cast<struct sockaddr *>(&peer), &len,
-                         SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = accept4(stListen.iFd, reinterpret_cast<struct sockaddr *>(&peer), &len, SOCK_CLOEXEC);
         if (fd >= 0) {
             set_nodelay(fd);
             memset(pNew, 0, sizeof *pNew);
@@ -268,6 +336,10 @@ int S_Client(ZurnSocket *pSocket, const char *szAddr, int iPort, uint32_t uiTime
             return 0;
         }
     }
+    if (!make_blocking(fd)) {
+        set_errno_text("fcntl", errno);
+        return 0;
+    }
     set_nodelay(fd);
     pSocket->iState = ZURN_SOCKET_CONNECTED;
     pSocket->uiPeerAddr = sa.sin_addr.s_addr;
@@ -283,25 +355,7 @@ int S_SendEx(ZurnSocket *pSocket, const void *pBuffer, uint32_t uiLength, uint32
         set_errno_text("send", EFAULT);
         return 0;
     }
-    Deadline dl(uiTimeoutMs);
-    const char *p = static_cast<const char *>(pBuffer);
-    size_t left = uiLength;
-    while (left > 0) {
-        ssize_t n = send(pSocket->iFd, p, left, MSG_NOSIGNAL);
-        if (n > 0) {
-            p += n;
-            left -= static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!wait_ready(pSocket->iFd, POLLOUT, dl, uiTimeoutMs, "send")) return 0;
-            continue;
-        }
-        set_errno_text("send", n < 0 ? errno : EIO);
-        return 0;
-    }
-    return 1;
+    return transfer(pSocket, const_cast<void *>(pBuffer), uiLength, uiTimeoutMs, true);
 }
 
 int S_ReceiveEx(ZurnSocket *pSocket, void *pBuffer, uint32_t uiLength, uint32_t uiTimeoutMs) {
@@ -311,29 +365,7 @@ int S_ReceiveEx(ZurnSocket *pSocket, void *pBuffer, uint32_t uiLength, uint32_t 
         set_errno_text("recv", EFAULT);
         return 0;
     }
-    Deadline dl(uiTimeoutMs);
-    char *p = static_cast<char *>(pBuffer);
-    size_t left = uiLength;
-    while (left > 0) {
-        ssize_t n = recv(pSocket->iFd, p, left, 0);
-        if (n > 0) {
-            p += n;
-            left -= static_cast<size_t>(n);
-            continue;
-        }
-        if (n == 0) {
-            set_error_text("recv", "Connection closed by peer");
-            return 0;
-        }
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (!wait_ready(pSocket->iFd, POLLIN, dl, uiTimeoutMs, "recv")) return 0;
-            continue;
-        }
-        set_errno_text("recv", errno);
-        return 0;
-    }
-    return 1;
+    return transfer(pSocket, pBuffer, uiLength, uiTimeoutMs, false);
 }
 
 int S_Close(ZurnSocket *pSocket, int iFlag) {

@@ -101,8 +101,10 @@ ZURN_API void ZurnGeneral_SetLogSink(ZurnLogSinkFn pfnSink, void *pUser, int iMo
  * ======================================================================
  *
  * IPv4 TCP sockets kept in a fixed 48-byte record (ZurnSocket) whose first
- * field is the operating system's descriptor. Descriptors are non-blocking
- * and close-on-exec; connected sockets have TCP_NODELAY set. Every call
+ * field is the operating system's descriptor. Descriptors are close-on-exec;
+ * listening ones are non-blocking, connected ones blocking with their wait
+ * limits kept as socket options (changed only when a call asks for a
+ * different limit), and they have TCP_NODELAY set. Every call
  * returns 1 on success and another value on failure; after a failure,
  * NetWork_GetErrorText() describes it, e.g. "connect: Connection refused".
  * That text is kept per thread, so it always belongs to the calling thread's
@@ -133,8 +135,9 @@ typedef struct ZurnSocket {
     uint32_t uiPeerAddr;    /* connected sockets: peer IPv4 address, network order */
     uint16_t usPeerPort;    /* connected sockets: peer port, network order */
     uint16_t usLocalPort;   /* bound, listening or connected sockets: local port, host order */
-    uint32_t uiReserved;
-    uint8_t aucReserved[28];
+    uint32_t uiSendWaitMs;  /* connected sockets: send wait limit now set on the descriptor, 0 none */
+    uint32_t uiRecvWaitMs;  /* connected sockets: receive wait limit now set on the descriptor, 0 none */
+    uint8_t aucReserved[24];
 } ZurnSocket;
 
 #define ZURN_SOCKET_CLOSED 0    /* no descriptor */
