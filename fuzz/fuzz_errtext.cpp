@@ -13,12 +13,22 @@
 // the module id.
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "ostrel_ervix.h"
+
+// A failed expectation aborts, which libFuzzer reports with the input.
+#define check(cond)                                                                 \
+    do {                                                                            \
+        if (!(cond)) {                                                              \
+            fprintf(stderr, "%s:%d: expectation failed: %s\n", __FILE__, __LINE__, #cond); \
+            abort();                                                                \
+        }                                                                           \
+    } while (0)
 
 namespace {
 
@@ -28,9 +38,6 @@ constexpr size_t kTextBytes = 240;
 const uint8_t *g_fill_bytes = nullptr;
 size_t g_fill_len = 0;
 
-void check(bool ok) {
-    if (!ok) abort();
-}
 
 // Fills entries from the input: every 24 bytes become one entry's English
 // and Chinese texts, copied raw (up to 60 bytes each, NUL not guaranteed), in

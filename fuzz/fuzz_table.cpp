@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -29,6 +30,15 @@
 
 const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
 
+// A failed expectation aborts, which libFuzzer reports with the input.
+#define check(cond)                                                                 \
+    do {                                                                            \
+        if (!(cond)) {                                                              \
+            fprintf(stderr, "%s:%d: expectation failed: %s\n", __FILE__, __LINE__, #cond); \
+            abort();                                                                \
+        }                                                                           \
+    } while (0)
+
 namespace {
 
 constexpr uint32_t kNotFound = OSL_ERR_NOT_FOUND;
@@ -36,9 +46,6 @@ constexpr uint32_t kDuplicate = OSL_ERR_DUPLICATE_KEY;
 constexpr uint32_t kBusy = OSL_ERR_SYSTEM_BUSY;
 constexpr uint32_t kBadArg = OSL_ERR_INVALID_PARAMETER;
 
-void check(bool ok) {
-    if (!ok) abort();
-}
 
 struct Input {
     const uint8_t *p;
