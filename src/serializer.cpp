@@ -499,9 +499,6 @@ uint32_t serialize_items(Ostrel_Serializer *h, const char *p, va_list &ap) {
                 OSL_LOG(LOG_LEVEL_ERROR, "Parameter %d used duplicated index: %d.", param, static_cast<int>(d.uIndex));
                 return OSL_ERR_INVALID_FORMAT;
             }
-            unsigned char *entry = h->pucBuf + h->stHeader.usItemsStart - (h->stHeader.ucCount + 1u) * e;
-            st32(entry, d.uIndex << 24 | itemOffset, swap);
-            if (e == 8) memset(entry + 4, 0, 4);
         }
         if (*p == 'a') {
             d.bArray = true;
@@ -534,6 +531,13 @@ uint32_t serialize_items(Ostrel_Serializer *h, const char *p, va_list &ap) {
             // the packet fit for appending after the failure.
             h->pucCursor = h->pucBuf + itemStart;
             return rc;
+        }
+        if (unordered) {
+            // Written once the item is complete: a handle that nests its own
+            // packet finishes it first, and that header lands on this slot.
+            unsigned char *entry = h->pucBuf + h->stHeader.usItemsStart - (h->stHeader.ucCount + 1u) * e;
+            st32(entry, d.uIndex << 24 | itemOffset, swap);
+            if (e == 8) memset(entry + 4, 0, 4);
         }
         h->stHeader.ucCount = static_cast<uint8_t>(h->stHeader.ucCount + 1);
         uint64_t total = h->stHeader.ucHeaderLength + static_cast<uint64_t>(h->pucCursor - h->pucBuf) -

@@ -130,6 +130,13 @@ TEST(SerializerFormat, NestedPacketAndPacketArray) {
     EXPECT_EQ(self.packet(),
               "E2 00 02 04 2C 00 00 00 02 0C 0C 00 04 00 00 04 01 00 00 00 "
               "14 00 00 30 E2 00 02 04 14 00 00 00 01 0C 0C 00 04 00 00 04 01 00 00 00");
+    // In unordered mode too: finishing the inner packet writes its header
+    // where the outer item's index entry goes.
+    Writer selfIdx(kLE, 4, kUnordered);
+    ASSERT_EQ(Ostrel_Serializer_Serialize(selfIdx.h, OSL_SLZ_MODE_APPEND, "%1.d %2.b", 5, selfIdx.h), 0u);
+    EXPECT_EQ(selfIdx.packet(),
+              "E2 00 00 04 38 00 00 00 02 0C 14 00 08 00 00 02 00 00 00 01 04 00 00 04 05 00 00 00 "
+              "18 00 00 30 E2 00 00 04 18 00 00 00 01 0C 10 00 00 00 00 01 04 00 00 04 05 00 00 00");
 }
 
 TEST(SerializerFormat, GetBufferRewritesTheHeaderAfterMoreItems) {
