@@ -34,13 +34,17 @@
  *
  * Reading arguments: '%' scalars a pointer to a variable of the item's size;
  * '@' scalars a const void ** that receives the value's address in the
- * packet. '%s' a char * buffer followed by an int * holding its size in bytes
+ * packet; '@N' scalars a void ** that receives a new block holding the value.
+ * '%s' a char * buffer followed by an int * holding its size in bytes
  * (the size pointer is taken only when the buffer is not NULL); '@s' and
  * '@Ns' a char **. Arrays: the destination (an element buffer for '%', a
  * pointer variable for '@' and '@N') followed by an unsigned int * holding
  * the capacity in elements ('%') and receiving the element count. '@b' an
  * Ostrel_Serializer ** (NULL, or an existing reading handle to reuse), '@ab'
  * an array of Ostrel_Serializer * followed by an unsigned int * count.
+ * Empty and null arrays give a NULL address with '@' and '@N'; a null array
+ * read with '%' zeroes the first 8 bytes of the element buffer (at most its
+ * capacity). In ordered mode, reading past the last item gives 0x90018.
  *
  * A packet in the other byte order than the host's is converted on reading.
  * With '@' the conversion happens in place, inside the caller's packet: the
