@@ -86,8 +86,8 @@ void release_handle(NetbaseCtx *h) {
     free(h);
 }
 
-// A listen whose socket is open but which nobody else holds.
-void discard_listen(NetbaseCtx *h) {
+// A handle whose socket is open and which nobody else holds.
+void close_and_release(NetbaseCtx *h) {
     (void)S_Close(&h->socket, 0);
     release_handle(h);
 }
@@ -327,12 +327,12 @@ OSTREL_API uint32_t netbase_client_tcp_connect(const char *addr, int32_t port, c
     }
     if (S_Client(&handle->socket, addr, port, *timeout) != 1) {
         OSL_LOG(LOG_LEVEL_ERROR, "Invoke S_Client failed: %s", NetWork_GetErrorText());
-        discard_listen(handle);
+        close_and_release(handle);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
     }
     rc = local_netbase_client_handshake(handle, *timeout);
     if (rc != 0) {
-        discard_listen(handle);
+        close_and_release(handle);
         OSL_TRACED_RETURN(rc);
     }
     *phandle = handle;
@@ -597,12 +597,12 @@ uint32_t local_netbase_tcp_create_listen(const char *ip_addr, int32_t ip_port, N
     }
     if (S_Bind(&ctx->socket, ip_addr, ip_port) != 1) {
         OSL_LOG(LOG_LEVEL_ERROR, "Invoke S_Bind failed: %s", NetWork_GetErrorText());
-        discard_listen(ctx);
+        close_and_release(ctx);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
     }
     if (S_Listen(&ctx->socket, kListenBacklog) != 1) {
         OSL_LOG(LOG_LEVEL_ERROR, "Invoke S_Listen failed: %s", NetWork_GetErrorText());
-        discard_listen(ctx);
+        close_and_release(ctx);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
     }
     if (ip_port == 0) {
@@ -610,7 +610,7 @@ uint32_t local_netbase_tcp_create_listen(const char *ip_addr, int32_t ip_port, N
         memset(&local, 0, sizeof local);
         if (S_GetSocketInfo(ctx->socket, &local) != 1) {
             OSL_LOG(LOG_LEVEL_ERROR, "Invoke S_GetSocketInfo failed: %s", NetWork_GetErrorText());
-            discard_listen(ctx);
+            close_and_release(ctx);
             OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
         }
         ctx->port = ntohs(local.sin_port);
@@ -709,7 +709,7 @@ OSTREL_API uint32_t netbase_tcp_server(const char *ip_addr, int32_t ip_port, Net
     store_status(listen, NETBASE_STATUS_SERVING);
     OSL_LOG(LOG_LEVEL_TRACE, "Begin moniter port.");
     rc = local_netbase_io_multiplexing_select(listen, local_netbase_server_callback);
-    discard_listen(listen);
+    close_and_release(listen);
     if (rc != 0) OSL_TRACED_RETURN(rc);
     OSL_LOG(LOG_LEVEL_TRACE, "Shutdown TCP server @%s:%d.", ip_addr, ip_port);
     OSL_TRACED_RETURN(0);
@@ -735,7 +735,7 @@ OSTREL_API uint32_t netbase_tcp_server_multi(const NetbaseServerInfo *info, int3
         uint32_t rc = local_netbase_tcp_create_listen(info[i].address, info[i].port, &listen);
         // select() cannot watch a descriptor past its fixed set size.
         if (rc == 0 && listen->socket.iFd >= FD_SETSIZE) {
-            discard_listen(listen);
+            close_and_release(listen);
             rc = OSL_ERR_UNKNOWN;
         }
         if (rc != 0) {
@@ -743,7 +743,7 @@ OSTREL_API uint32_t netbase_tcp_server_multi(const NetbaseServerInfo *info, int3
             // The listens already made are closed, newest first, and
             // released: nobody else can reach them.
             for (int32_t j = i - 1; j >= 0; --j) {
-                if (slots[j] != nullptr) discard_listen(slots[j]);
+                if (slots[j] != nullptr) close_and_release(slots[j]);
             }
             free(slots);
             OSL_TRACED_RETURN(rc);
@@ -764,7 +764,7 @@ OSTREL_API uint32_t netbase_tcp_server_multi(const NetbaseServerInfo *info, int3
         if (n <= 0) {
             OSL_LOG(LOG_LEVEL_ERROR, "Invoke select failed: (%d) errno=%d", n, errno);
             for (int32_t j = number - 1; j >= 0; --j) {
-                if (slots[j] != nullptr) discard_listen(slots[j]);
+                if (slots[j] != nullptr) close_and_release(slots[j]);
             }
             free(slots);
             OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
