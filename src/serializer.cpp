@@ -202,8 +202,9 @@ inline uint32_t __OSL_Slz_PrepareBuffer(Ostrel_Serializer *h, uint64_t n) {
     return grow_buffer(h, n);
 }
 
+// The slow path of __OSL_Slz_PrepareBuffer, which logs under that name.
 uint32_t grow_buffer(Ostrel_Serializer *h, uint64_t n) {
-    const char *fn = "__OSL_Slz_PrepareBuffer";
+    static const char fn[] = "__OSL_Slz_PrepareBuffer";
     if (h->pucBuf == nullptr) {
         uint64_t size = n == 0 ? kGrowStep : round_up(n, kGrowStep);
         if (size > kLargeBlock) OSL_LOG(LOG_LEVEL_WARN, "Large malloc in %s, size=%d.", fn, static_cast<int>(size));
