@@ -114,25 +114,32 @@ inline uint32_t crc_update(uint32_t crc, const unsigned char *p, size_t n) {
 
 struct IterRec;
 
+// Value flags of a node.
+constexpr uint32_t kValueInline = 1; // pValue points at this block's own value bytes
+constexpr uint32_t kValueOwned = 2;  // pValue is a buffer this node frees (reference mode, iterator update)
+
 struct NodeRec {
+    // Fields a lookup does not read.
     const void *pKey;        // own key bytes, or the pointer key itself
-    uint32_t uiKeyLength;    // string: strlen + 1; byte array: as given; pointer: 0
-    uint32_t uiHash;         // low 32 bits of the key's index, so nothing is rehashed
-    void *pValue;            // own copy or the caller's pointer
-    uint32_t uiValueLength;
-    uint32_t bValueInline;   // pValue points at this block's own value bytes
     NodeRec *pBucketPrev;
-    NodeRec *pBucketNext;
     NodeRec *pSortPrev;
     NodeRec *pSortNext;
     NodeRec **ppBucketSlot;  // the bucket entry holding this node, while it is first of its chain
-    void *pOwnedBuffer;      // reference mode: an iterator update's buffer this node frees
+    // Fields a lookup reads, placed right before the key bytes so that a
+    // chain step and the key compare mostly touch one cache line.
+    NodeRec *pBucketNext;
+    uint32_t uiHash;         // low 32 bits of the key's index, so nothing is rehashed
+    uint32_t uiKeyLength;    // string: strlen + 1; byte array: as given; pointer: 0
+    void *pValue;            // own copy or the caller's pointer
+    uint32_t uiValueLength;
+    uint32_t uiFlags;        // kValueInline, kValueOwned
 };
 
 struct TableRec {
     uint32_t uiMagic;
     uint32_t uiRange;
     NodeRec **ppBuckets;
+    uint64_t ullRangeFactor; // remainder factor of uiRange (see bucket_of)
     uint32_t uiCount;
     TableCompareFn pfnSort;
     TableIndexFn pfnIndex;
@@ -161,11 +168,43 @@ struct IterRec {
 };
 
 unsigned char *inline_data(NodeRec *node) { return reinterpret_cast<unsigned char *>(node + 1); }
+const unsigned char *inline_data(const NodeRec *node) { return reinterpret_cast<const unsigned char *>(node + 1); }
 
-size_t value_offset(size_t keyBytes) { return (keyBytes + kValueAlign - 1) / kValueAlign * kValueAlign; }
+// hash % range by two multiplications instead of a division (the remainder
+// method of Lemire, Kaser and Kurz): exact for every 32-bit hash and range.
+uint64_t range_factor(uint32_t uiRange) { return UINT64_MAX / uiRange + 1; }
+
+inline uint32_t bucket_of(uint32_t uiHash, uint32_t uiRange, uint64_t ullFactor) {
+#if defined(__SIZEOF_INT128__)
+    return static_cast<uint32_t>((static_cast<unsigned __int128>(ullFactor * uiHash) * uiRange) >> 64);
+#else
+    (void)ullFactor;
+    return uiHash % uiRange;
+#endif
+}
+
+inline bool bytes_equal(const unsigned char *a, const unsigned char *b, size_t n) {
+    if (n > 32) return memcmp(a, b, n) == 0;
+    for (; n >= 8; a += 8, b += 8, n -= 8) {
+        uint64_t x, y;
+        memcpy(&x, a, 8);
+        memcpy(&y, b, 8);
+        if (x != y) return false;
+    }
+    for (; n != 0; --n)
+        if (*a++ != *b++) return false;
+    return true;
+}
+
+// Offset of copied value bytes from the start of the inline data: the first
+// aligned place of the block after the key bytes.
+size_t value_offset(size_t keyBytes) {
+    size_t end = sizeof(NodeRec) + keyBytes;
+    return (end + kValueAlign - 1) / kValueAlign * kValueAlign - sizeof(NodeRec);
+}
 
 void free_node(NodeRec *node) {
-    free(node->pOwnedBuffer);
+    if ((node->uiFlags & kValueOwned) != 0) free(node->pValue);
     free(node);
 }
 
@@ -177,7 +216,7 @@ struct KeyRef {
     uint32_t hash;
 };
 
-KeyRef make_key(uint32_t uiKeyType, const void *pKey, uint32_t uiKeyLength) {
+__attribute__((always_inline)) inline KeyRef make_key(uint32_t uiKeyType, const void *pKey, uint32_t uiKeyLength) {
     KeyRef k{pKey, 0, 0};
     switch (uiKeyType) {
     case TABLE_KEY_STRING: {
@@ -197,15 +236,19 @@ KeyRef make_key(uint32_t uiKeyType, const void *pKey, uint32_t uiKeyLength) {
     return k;
 }
 
-bool key_matches(uint32_t uiKeyType, const NodeRec *node, const KeyRef &key) {
+inline bool key_matches(uint32_t uiKeyType, const NodeRec *node, const KeyRef &key) {
     if (node->uiHash != key.hash) return false;
     if (uiKeyType == TABLE_KEY_POINTER) return node->pKey == key.p;
     // Strings: equal lengths (NUL counted) and equal bytes is strcmp() == 0.
-    return node->uiKeyLength == key.len && (key.len == 0 || memcmp(node->pKey, key.p, key.len) == 0);
+    return node->uiKeyLength == key.len && bytes_equal(inline_data(node), static_cast<const unsigned char *>(key.p), key.len);
 }
 
-NodeRec *find_node(const TableRec *pTable, const KeyRef &key) {
-    for (NodeRec *n = pTable->ppBuckets[key.hash % pTable->uiRange]; n != nullptr; n = n->pBucketNext)
+NodeRec **bucket_slot(const TableRec *pTable, uint32_t uiHash) {
+    return &pTable->ppBuckets[bucket_of(uiHash, pTable->uiRange, pTable->ullRangeFactor)];
+}
+
+inline NodeRec *find_node(const TableRec *pTable, const KeyRef &key) {
+    for (NodeRec *n = *bucket_slot(pTable, key.hash); n != nullptr; n = n->pBucketNext)
         if (key_matches(pTable->uiKeyType, n, key)) return n;
     return nullptr;
 }
@@ -424,7 +467,7 @@ NodeRec *__OSL_Table_CreateNode(uint32_t uiKeyType, const void *pKey, size_t uiK
         memset(data + uiKeyBytes, 0, uiValueAt - uiKeyBytes);
         memcpy(data + uiValueAt, pValue, uiValueLength);
         node->pValue = data + uiValueAt;
-        node->bValueInline = 1;
+        node->uiFlags = kValueInline;
     } else {
         node->pValue = const_cast<void *>(pValue);
     }
@@ -477,8 +520,9 @@ uint32_t __OSL_Table_RefreshTable(TableRec *pTable, int iForced) {
     if (uiSize > kLargeMalloc) OSL_LOG(LOG_LEVEL_WARN, "Large malloc in %s, size=%d.", __func__, static_cast<int>(uiSize));
     auto **ppNew = static_cast<NodeRec **>(calloc(uiNewRange, sizeof(NodeRec *)));
     if (ppNew == nullptr) OSL_ALLOC_FAILED(uiSize);
+    const uint64_t ullFactor = range_factor(uiNewRange);
     for (NodeRec *n = pTable->pHead; n != nullptr; n = n->pSortNext) {
-        NodeRec **slot = &ppNew[n->uiHash % uiNewRange];
+        NodeRec **slot = &ppNew[bucket_of(n->uiHash, uiNewRange, ullFactor)];
         n->pBucketPrev = nullptr;
         n->pBucketNext = *slot;
         if (*slot != nullptr) {
@@ -491,11 +535,13 @@ uint32_t __OSL_Table_RefreshTable(TableRec *pTable, int iForced) {
     free(pTable->ppBuckets);
     pTable->ppBuckets = ppNew;
     pTable->uiRange = uiNewRange;
+    pTable->ullRangeFactor = ullFactor;
     // A walk in bucket order goes on from its next node's new bucket: it stays
     // on live nodes, but nodes may come back or be passed over after a change
     // of range during the walk.
     for (IterRec *it = pTable->pOpenIters; it != nullptr; it = it->pNextOpen)
-        if (it->uiMode == TABLE_ITERATE_BUCKET && it->pNext != nullptr) it->uiBucket = it->pNext->uiHash % uiNewRange;
+        if (it->uiMode == TABLE_ITERATE_BUCKET && it->pNext != nullptr)
+            it->uiBucket = bucket_of(it->pNext->uiHash, uiNewRange, ullFactor);
     return 0;
 }
 
@@ -545,7 +591,7 @@ uint32_t __OSL_Table_AddNode(void *hTable, uint32_t uiKeyType, const void *pKey,
     OSL_CHECK_KEY_ARG(uiKeyType);
 
     KeyRef key = make_key(uiKeyType, pKey, uiKeyLength);
-    NodeRec **slot = &pTable->ppBuckets[key.hash % pTable->uiRange];
+    NodeRec **slot = bucket_slot(pTable, key.hash);
     NodeRec *last = nullptr;
     for (NodeRec *n = *slot; n != nullptr; n = n->pBucketNext) {
         if (key_matches(uiKeyType, n, key)) {
@@ -608,18 +654,22 @@ uint32_t __OSL_Table_UpdateNodeValue(TableRec *pTable, NodeRec *pNode, const voi
                                      NodeRec **ppNode) {
     *ppNode = pNode;
     if (pTable->uiStoreMode == NODE_STORAGE_REFERENCE || pValue == nullptr || uiValueLength == 0) {
-        if (pNode->pOwnedBuffer != nullptr && pNode->pOwnedBuffer != pValue) {
-            free(pNode->pOwnedBuffer);
-            pNode->pOwnedBuffer = nullptr;
+        // An owned buffer goes unless it stays the value.
+        uint32_t uiKeep = 0;
+        if ((pNode->uiFlags & kValueOwned) != 0) {
+            if (pNode->pValue != pValue)
+                free(pNode->pValue);
+            else
+                uiKeep = kValueOwned;
         }
         pNode->pValue = const_cast<void *>(pValue);
         pNode->uiValueLength = uiValueLength;
-        pNode->bValueInline = 0;
+        pNode->uiFlags = uiKeep;
         return 0;
     }
     // A copy-mode node holding a caller's pointer (its value was null or
     // empty) has no bytes of its own to copy into.
-    if (uiValueLength > pNode->uiValueLength || pNode->bValueInline == 0) {
+    if (uiValueLength > pNode->uiValueLength || (pNode->uiFlags & kValueInline) == 0) {
         NodeRec *pNew = __OSL_Table_CreateNode(pTable->uiKeyType, pNode->pKey, pNode->uiKeyLength, pValue,
                                                uiValueLength, pTable->uiStoreMode);
         if (pNew == nullptr) {
@@ -734,7 +784,7 @@ uint32_t __OSL_Table_ProcessIterateAction(IterRec *pItr) {
             OSL_LOG(LOG_LEVEL_ERROR, "Update table node value failed.");
         } else if (bOwned && pTable->uiStoreMode == NODE_STORAGE_REFERENCE) {
             // The node points at the iterator's copy now: it owns it from here.
-            now->pOwnedBuffer = pItr->pPendingValue;
+            now->uiFlags |= kValueOwned;
             pItr->pPendingValue = nullptr;
             pItr->uiPendingLength = 0;
         }
@@ -790,6 +840,7 @@ const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLo
             uint32_t uiIndex = static_cast<uint32_t>(t->pfnIndex(n->pKey, n->uiKeyLength));
             if (uiIndex != n->uiHash) return "kept hash differs from the key's index";
             if (uiIndex % t->uiRange != b) return "node in the wrong bucket";
+            if (bucket_of(uiIndex, t->uiRange, t->ullRangeFactor) != b) return "remainder factor out of step with the range";
             if (++uiChained > t->uiCount) return "more nodes on chains than counted";
             ++uiLen;
         }
@@ -824,6 +875,7 @@ OSTREL_API uint32_t Ostrel_Table_Create(OstrelTableHandle *phTable, uint32_t uiR
         OSL_RETURN(OSL_ERR_NO_MEMORY);
     }
     pTable->uiRange = uiRange;
+    pTable->ullRangeFactor = range_factor(uiRange);
     pTable->pfnSort = __OSL_Table_CompareAlwaysTrue;
     pTable->pfnIndex = __OSL_Table_GetStringIndex; // until the first add fixes the key type
     pTable->uiKeyType = TABLE_KEY_NONE;
