@@ -71,6 +71,12 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32
 /* Logs one line per thread of the group, newest first. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_OutputStatus(OstrelThreadGroupHandle hGroup);
 
+/* Self-test: runs a TCP echo server on port 27778 and a client opening a
+ * connection every 200 ms, all on thread groups, for uiSeconds seconds, then
+ * cancels everything in cascade. Writes "count=N" lines and "terminate" to
+ * standard output. Returns 0, or the code of a failing group operation. */
+OSTREL_API uint32_t Ostrel_ThreadGroup_RandomTest(uint32_t uiSeconds);
+
 OSTREL_EXTERN_C_END
 
 #endif /* OSTREL_THREADGROUP_H */

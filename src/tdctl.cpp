@@ -362,5 +362,302 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_OutputStatus(OstrelThreadGroupHandle hGro
 
 } // extern "C"
 
+// Self-test: an echo server and a client on thread groups, over TCP on the
+// loopback interface, cancelled in cascade.
+namespace {
+
+constexpr uint16_t kTestPort = 27778;
+
+// Runs a group operation of the self-test, traced; a failure is logged.
+#define TG_TEST_STEP(rc, call)                                  \
+    do {                                                        \
+        OSL_TRACED_CALL(rc, call);                              \
+        if ((rc) != 0) OSL_LOG_CALL_FAILED(#call, (rc));        \
+    } while (0)
+
+// Receives exactly len bytes; returns len, or -1 when the peer fails or
+// closes first.
+int _socket_recv(int sock, unsigned char *pucBuf, int len, int flags) {
+    int got = 0;
+    while (got < len) {
+        ssize_t n = recv(sock, pucBuf + got, static_cast<size_t>(len - got), flags);
+        if (n < 0) {
+            int err = errno;
+            OSL_LOG(LOG_LEVEL_WARN, "recv==%d", static_cast<int>(n));
+            OSL_LOG(LOG_LEVEL_WARN, "Last error=%d", err);
+            return -1;
+        }
+        if (n == 0) {
+            OSL_LOG(LOG_LEVEL_WARN, "recv==0, peer orderly shutdown.");
+            return -1;
+        }
+        got += static_cast<int>(n);
+    }
+    return got;
+}
+
+// Sends exactly len bytes; returns len, or -1. A send that moves nothing is
+// retried after 10 ms, up to 100 times. A closed peer makes the send fail
+// (no SIGPIPE for the hosting process).
+int _socket_send(int sock, const unsigned char *pucBuf, int len, int flags) {
+    int sent = 0;
+    int zeros = 0;
+    while (sent < len) {
+        ssize_t n = send(sock, pucBuf + sent, static_cast<size_t>(len - sent), flags | MSG_NOSIGNAL);
+        if (n < 0) {
+            int err = errno;
+            OSL_LOG(LOG_LEVEL_WARN, "send==%d", static_cast<int>(n));
+            OSL_LOG(LOG_LEVEL_WARN, "Last error=%d", err);
+            return -1;
+        }
+        if (n == 0) {
+            OSL_LOG(LOG_LEVEL_WARN, "send==0(%d)", zeros);
+            if (++zeros >= 100) {
+                OSL_LOG(LOG_LEVEL_WARN, "send==0, too many times.");
+                return -1;
+            }
+            timespec pause = {0, 10 * 1000 * 1000};
+            nanosleep(&pause, nullptr);
+            continue;
+        }
+        sent += static_cast<int>(n);
+    }
+    return sent;
+}
+
+sockaddr_in test_address(const char *szIp) {
+    sockaddr_in addr_in;
+    memset(&addr_in, 0, sizeof addr_in);
+    addr_in.sin_family = AF_INET;
+    addr_in.sin_port = htons(kTestPort);
+    addr_in.sin_addr.s_addr = inet_addr(szIp);
+    return addr_in;
+}
+
+// The datum grows by one on each side; unsigned arithmetic keeps a very long
+// run from overflowing.
+void bump(int *data) { *data = static_cast<int>(static_cast<unsigned>(*data) + 1u); }
+
+// Ends a main's own group on its way out: its threads are cancelled and
+// waited for, so a failing main leaves nothing running behind it.
+void end_group(OstrelThreadGroupHandle group) {
+    Ostrel_ThreadGroup_CancelAll(group);
+    Ostrel_ThreadGroup_Destroy(group);
+}
+
+uint32_t _test_server_thread(void *param, OstrelThreadNodeHandle control_set) {
+    OSL_TRACE_ENTER();
+    int sock = static_cast<int>(reinterpret_cast<intptr_t>(param));
+    Ostrel_ThreadGroup_SetAdd(control_set, sock);
+    int data = 0;
+    for (;;) {
+        int to_close = 0, count = 0;
+        uint32_t ret;
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_Select(control_set,10000,&to_close,&count));
+        if (ret != 0) {
+            close(sock);
+            OSL_TRACED_RETURN(ret);
+        }
+        if (to_close) {
+            OSL_LOG(LOG_LEVEL_INFO, "data_s=%d", data);
+            close(sock);
+            OSL_TRACED_RETURN(0);
+        }
+        if (count < 1 || !Ostrel_ThreadGroup_SetIsSet(control_set, sock)) continue;
+        int rc;
+        OSL_TRACED_CALL(rc, _socket_recv(sock,(unsigned char *)&data,4,0));
+        if (rc < 0) {
+            close(sock);
+            OSL_TRACED_RETURN(OSL_ERR_INVALID_STATUS);
+        }
+        bump(&data);
+        OSL_TRACED_CALL(rc, _socket_send(sock,(unsigned char *)&data,4,0));
+        if (rc != 4) {
+            close(sock);
+            OSL_TRACED_RETURN(OSL_ERR_INVALID_STATUS);
+        }
+    }
+}
+
+uint32_t _test_server_main(void *param, OstrelThreadNodeHandle control_set) {
+    OSL_TRACE_ENTER();
+    (void)param;
+    int sock;
+    OSL_TRACED_CALL(sock, socket(PF_INET,SOCK_STREAM,0));
+    if (sock < 0) OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    int reuseaddr = 1;
+    int rc;
+    OSL_TRACED_CALL(rc, setsockopt(sock,SOL_SOCKET,SO_REUSEADDR,(char *)&reuseaddr,sizeof(reuseaddr)));
+    if (rc != 0) {
+        close(sock);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    sockaddr_in addr_in = test_address("0.0.0.0");
+    OSL_TRACED_CALL(rc, bind(sock,(struct sockaddr *)&addr_in,sizeof(addr_in)));
+    if (rc != 0) {
+        close(sock);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    OSL_TRACED_CALL(rc, listen(sock,512));
+    if (rc != 0) {
+        close(sock);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    Ostrel_ThreadGroup_SetAdd(control_set, sock);
+    OstrelThreadGroupHandle group = nullptr;
+    uint32_t ret;
+    TG_TEST_STEP(ret, Ostrel_ThreadGroup_Create(&group));
+    if (ret != 0) {
+        close(sock);
+        OSL_TRACED_RETURN(ret);
+    }
+    for (;;) {
+        int to_close = 0, count = 0;
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_Select(control_set,10000,&to_close,&count));
+        if (ret != 0) break;
+        if (to_close) {
+            TG_TEST_STEP(ret, Ostrel_ThreadGroup_CancelAll(group));
+            if (ret != 0) break;
+            TG_TEST_STEP(ret, Ostrel_ThreadGroup_Destroy(group));
+            if (ret != 0) break;
+            close(sock);
+            OSL_TRACED_RETURN(0);
+        }
+        if (count < 1 || !Ostrel_ThreadGroup_SetIsSet(control_set, sock)) continue;
+        socklen_t len = sizeof(addr_in);
+        intptr_t sock_new;
+        OSL_TRACED_CALL(sock_new, accept(sock,(struct sockaddr *)&addr_in,&len));
+        if (sock_new < 0) {
+            OSL_LOG(LOG_LEVEL_ERROR, "accept=%d", errno);
+            ret = OSL_ERR_UNKNOWN;
+            break;
+        }
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_NewThread(group,_test_server_thread,(void *)sock_new));
+        if (ret != 0) {
+            close(static_cast<int>(sock_new));
+            break;
+        }
+    }
+    end_group(group);
+    close(sock);
+    OSL_TRACED_RETURN(ret);
+}
+
+uint32_t _test_client_thread(void *param, OstrelThreadNodeHandle control_set) {
+    OSL_TRACE_ENTER();
+    int sock = static_cast<int>(reinterpret_cast<intptr_t>(param));
+    Ostrel_ThreadGroup_SetAdd(control_set, sock);
+    int data = 0;
+    int rc;
+    OSL_TRACED_CALL(rc, _socket_send(sock,(unsigned char *)&data,4,0));
+    if (rc != 4) {
+        close(sock);
+        OSL_TRACED_RETURN(OSL_ERR_INVALID_STATUS);
+    }
+    for (;;) {
+        int to_close = 0, count = 0;
+        uint32_t ret;
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_Select(control_set,10000,&to_close,&count));
+        if (ret != 0) {
+            close(sock);
+            OSL_TRACED_RETURN(ret);
+        }
+        if (to_close) {
+            OSL_LOG(LOG_LEVEL_INFO, "data_c=%d", data);
+            close(sock);
+            OSL_TRACED_RETURN(0);
+        }
+        if (count < 1 || !Ostrel_ThreadGroup_SetIsSet(control_set, sock)) continue;
+        OSL_TRACED_CALL(rc, _socket_recv(sock,(unsigned char *)&data,4,0));
+        if (rc < 0) {
+            close(sock);
+            OSL_TRACED_RETURN(OSL_ERR_INVALID_STATUS);
+        }
+        bump(&data);
+        timespec pause = {0, 5 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+        OSL_TRACED_CALL(rc, _socket_send(sock,(unsigned char *)&data,4,0));
+        if (rc != 4) {
+            close(sock);
+            OSL_TRACED_RETURN(OSL_ERR_INVALID_STATUS);
+        }
+    }
+}
+
+uint32_t _test_client_main(void *param, OstrelThreadNodeHandle control_set) {
+    OSL_TRACE_ENTER();
+    (void)param;
+    OstrelThreadGroupHandle group = nullptr;
+    uint32_t ret;
+    TG_TEST_STEP(ret, Ostrel_ThreadGroup_Create(&group));
+    if (ret != 0) OSL_TRACED_RETURN(ret);
+    for (int counter = 0;; ++counter) {
+        intptr_t sock;
+        OSL_TRACED_CALL(sock, socket(PF_INET,SOCK_STREAM,0));
+        if (sock < 0) {
+            ret = OSL_ERR_UNKNOWN;
+            break;
+        }
+        sockaddr_in addr_in = test_address("127.0.0.1");
+        int rc;
+        OSL_TRACED_CALL(rc, connect(sock,(struct sockaddr *)&addr_in,sizeof(addr_in)));
+        if (rc != 0) {
+            close(static_cast<int>(sock));
+            ret = OSL_ERR_UNKNOWN;
+            break;
+        }
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_NewThread(group,_test_client_thread,(void *)sock));
+        if (ret != 0) {
+            close(static_cast<int>(sock));
+            break;
+        }
+        printf("count=%d\n", counter);
+        fflush(stdout);
+        int to_close = 0;
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_Sleep(control_set,200,&to_close));
+        if (ret != 0) break;
+        if (to_close) {
+            TG_TEST_STEP(ret, Ostrel_ThreadGroup_CancelAll(group));
+            if (ret != 0) break;
+            TG_TEST_STEP(ret, Ostrel_ThreadGroup_Destroy(group));
+            if (ret != 0) break;
+            OSL_TRACED_RETURN(0);
+        }
+        TG_TEST_STEP(ret, Ostrel_ThreadGroup_OutputStatus(group));
+        if (ret != 0) break;
+    }
+    end_group(group);
+    OSL_TRACED_RETURN(ret);
+}
+
+} // namespace
+
+extern "C" OSTREL_API uint32_t Ostrel_ThreadGroup_RandomTest(uint32_t uiSeconds) {
+    OSL_TRACE_ENTER();
+    OSL_LOG(LOG_LEVEL_TRACE, "timeout=%d", static_cast<int>(uiSeconds * 1000u));
+    OstrelThreadGroupHandle group_main = nullptr;
+    uint32_t rc;
+    TG_TEST_STEP(rc, Ostrel_ThreadGroup_Create(&group_main));
+    if (rc != 0) OSL_TRACED_RETURN(rc);
+    TG_TEST_STEP(rc, Ostrel_ThreadGroup_NewThread(group_main,_test_server_main,0));
+    if (rc == 0) TG_TEST_STEP(rc, Ostrel_ThreadGroup_NewThread(group_main,_test_client_main,0));
+    if (rc != 0) {
+        end_group(group_main);
+        OSL_TRACED_RETURN(rc);
+    }
+
+    timespec left = {static_cast<time_t>(uiSeconds), 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+    printf("terminate\n");
+    fflush(stdout);
+
+    TG_TEST_STEP(rc, Ostrel_ThreadGroup_CancelAll(group_main));
+    if (rc != 0) OSL_TRACED_RETURN(rc);
+    TG_TEST_STEP(rc, Ostrel_ThreadGroup_Destroy(group_main));
+    if (rc != 0) OSL_TRACED_RETURN(rc);
+    OSL_TRACED_RETURN(0);
+}
+
 // The thread-group subsystem needs no load-time work.
 void _Ostrel_ThreadGroup_Init(void) {}
