@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 #include "kv_protocol.h"
 
 namespace {
@@ -87,9 +89,15 @@ int run_bench(const char *host, int port, int clients, int requests) {
             }
         });
     const long total = static_cast<long>(clients) * requests;
+    // On a terminal the progress line is rewritten in place; elsewhere a
+    // line is printed every second.
+    const bool tty = isatty(2) != 0;
     std::thread progress([&] {
-        while (!finished.load()) {
-            fprintf(stderr, "\rbench: %ld/%ld requests", done.load(), total);
+        for (int tick = 0; !finished.load(); ++tick) {
+            if (tty)
+                fprintf(stderr, "\rbench: %ld/%ld requests", done.load(), total);
+            else if (tick % 5 == 4)
+                fprintf(stderr, "bench: %ld/%ld requests\n", done.load(), total);
             fflush(stderr);
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
         }
@@ -102,7 +110,7 @@ int run_bench(const char *host, int port, int clients, int requests) {
     for (auto &v : lat) all.insert(all.end(), v.begin(), v.end());
     std::sort(all.begin(), all.end());
     auto pct = [&](double p) { return all.empty() ? 0.0 : all[std::min(all.size() - 1, static_cast<size_t>(p * all.size()))]; };
-    fprintf(stderr, "\rbench: %ld/%ld requests\n", done.load(), total);
+    fprintf(stderr, "%sbench: %ld/%ld requests\n", tty ? "\r" : "", done.load(), total);
     printf("bench: %d clients x %d requests: %ld ok, %ld failed in %.2f s\n", clients, requests, done.load(),
            failures.load(), secs);
     printf("bench: %.0f requests/s, latency p50 %.1f us, p99 %.1f us\n", done.load() / secs, pct(0.50), pct(0.99));
