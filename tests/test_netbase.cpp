@@ -81,6 +81,25 @@ TEST(NetbaseConnect, HandshakeLogsAndBothReceiveFormsDeliverEverySize) {
     EXPECT_EQ(Ostrel_GetLastError(), 0u);
 }
 
+TEST(NetbaseReceive, LargePacketsIntoHandleMemoryWarnOnAllocationAndGrowth) {
+    Pair p;
+    LogCapture cap(LOG_LEVEL_WARN);
+    for (size_t n : {size_t{8} << 20, (size_t{8} << 20) + 1}) {
+        std::string data = random_bytes(n, 3);
+        auto sent = std::async(std::launch::async, [&] {
+            return netbase_send_packet(p.client, data.data(), static_cast<int32_t>(n), kTimeout);
+        });
+        void *mem = nullptr;
+        int32_t size = 0;
+        ASSERT_EQ(netbase_receive_packet(p.server, &mem, &size, kTimeout), 0u);
+        ASSERT_EQ(sent.get(), 0u);
+        EXPECT_TRUE(std::string(static_cast<char *>(mem), static_cast<size_t>(size)) == data);
+    }
+    EXPECT_EQ(cap.texts(LOG_LEVEL_WARN),
+              (std::vector<std::string>{"src/netbase_api|Large malloc in netbase_receive_packet, size=8388608.",
+                                        "src/netbase_api|Large realloc in netbase_receive_packet, size=8388609."}));
+}
+
 TEST(NetbaseSend, ZeroBytesPutNothingOnTheWireAndOversizeIsRefusedFirst) {
     LogCapture cap;
     Pair p;
