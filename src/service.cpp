@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "osl_frame.h"
 #include "ostrel_service.h"
@@ -110,8 +111,12 @@ uint32_t run_under_pid_file(const char *szFunc, const StartCallback &cb) {
                 Ostrel_GetErrorText(rc));
         return rc;
     }
-    // The service lives on the threads its callback started.
-    for (;;) sleep(3600);
+    // The service lives on the threads its callback started; this thread
+    // sleeps an hour at a time, for ever.
+    for (;;) {
+        timespec hour = {3600, 0};
+        (void)nanosleep(&hour, nullptr);
+    }
 }
 
 // Fills the pid file path; false (logged) when it does not fit.
