@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -109,11 +110,21 @@ public:
             high.rlim_cur = std::min<rlim_t>(limit + 16, saved_.rlim_max);
             ok_ = high.rlim_cur >= limit + 16 && setrlimit(RLIMIT_NOFILE, &high) == 0;
         }
-        for (;;) {
+        for (rlim_t n = 0; n < limit; ++n) {
             int fd = dup(2);
             if (fd < 0) break;
             fds_.push_back(fd);
-            if (static_cast<rlim_t>(fd) >= limit - 1) break;
+            if (!lower_limit && static_cast<rlim_t>(fd) >= limit - 1) break;
+        }
+        // A lowered limit must really stop a socket pair (a tool such as
+        // valgrind may apply the limit to some calls only).
+        if (lower_limit && ok_) {
+            int sv[2];
+            ok_ = socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0 && errno == EMFILE;
+            if (!ok_) {
+                close(sv[0]);
+                close(sv[1]);
+            }
         }
     }
     ~DescriptorHog() {
@@ -152,7 +163,7 @@ TEST_F(ThreadGroupFailure, NoDescriptorsForTheControlPair) {
     uint32_t rc;
     {
         DescriptorHog hog(64, true);
-        ASSERT_TRUE(hog.ok());
+        if (!hog.ok()) GTEST_SKIP() << "the descriptor limit cannot be lowered here";
         rc = Ostrel_ThreadGroup_NewThread(group_, never_runs, nullptr);
     }
     EXPECT_EQ(rc, 0x90001u);
