@@ -8,7 +8,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -83,21 +82,22 @@ inline bool debug_on() { return (l_mem_state.load(std::memory_order_relaxed) & k
 // stack, so nothing is leaked.
 class LeakListLock {
 public:
-    LeakListLock() {
-        if (l_leak_mutex != nullptr) {
-            pthread_mutex_lock(l_leak_mutex);
+    LeakListLock() : global_(l_leak_mutex) {
+        if (global_ != nullptr) {
+            pthread_mutex_lock(global_);
             return;
         }
         pthread_mutex_init(&own_, nullptr);
         pthread_mutex_lock(&own_);
     }
     ~LeakListLock() {
-        if (l_leak_mutex != nullptr) pthread_mutex_unlock(l_leak_mutex);
+        if (global_ != nullptr) pthread_mutex_unlock(global_);
     }
     LeakListLock(const LeakListLock &) = delete;
     LeakListLock &operator=(const LeakListLock &) = delete;
 
 private:
+    pthread_mutex_t *global_;
     pthread_mutex_t own_;
 };
 
