@@ -9,7 +9,9 @@
 # fetches the target's builds of the libraries the tests link (zlib) from the
 # Debian archive into a cache without touching the system's package set,
 # configures with cmake/toolchains/<arch>-linux-gnu.cmake, builds, checks that
-# the binaries really are for the target and runs ctest. Extra arguments go to
+# the binaries really are for the target and runs ctest, including an exchange
+# between the target's key-value service and client and native ones built
+# here (tests/cross_peer.cmake). Extra arguments go to
 # cmake's configure step (e.g. -DOSTREL_BUILD_EXAMPLES=OFF).
 # Environment: OSTREL_CROSS_BUILD_DIR (default build-cross-<arch>),
 # OSTREL_CROSS_CACHE (default /var/cache/ostrel-cross as root, else
@@ -55,7 +57,17 @@ if [ "$(cat "$cache/fetched" 2>/dev/null)" != "${target_debs[*]}" ]; then
   echo "${target_debs[*]}" >"$cache/fetched"
 fi
 
-cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+# Native builds of the key-value service and client, for the test in which
+# they talk to the target's (tests/cross_peer.cmake).
+peer_args=()
+if [ -f examples/ostrel_kvd.cpp ] && [ -f examples/ostrel_kv.cpp ]; then
+  native="$dir-native-peer"
+  cmake -S "$root" -B "$native" -G Ninja -DCMAKE_BUILD_TYPE="$build_type" -DOSTREL_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$native" -j "$jobs" --target ostrel-kvd ostrel-kv
+  peer_args=(-DOSTREL_NATIVE_PEER_DIR="$native")
+fi
+
+cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" "${peer_args[@]}" \
   -DOSTREL_CROSS_DEPS_ROOT="$deps_root" -DCMAKE_BUILD_TYPE="$build_type" -DOSTREL_WERROR=ON "$@" >/dev/null
 cmake --build "$dir" -j "$jobs"
 
@@ -69,4 +81,8 @@ grep -q "Machine: *$machine" <<<"$header" && grep -q "$order" <<<"$header" || {
 }
 echo "cross: libOstrel.so.1 is $machine, $order; tests run under $(qemu-$arch --version | head -n 1)"
 
+# A program under qemu-user cannot start another target program directly (the
+# kernel does not know the format): tests that run one (an example, a second
+# service instance) start it through this command, split at spaces, when set.
+export OSTREL_TARGET_EMULATOR="$(command -v "qemu-$arch") -L /usr/$triple"
 ctest --test-dir "$dir" -j "$jobs" --output-on-failure --timeout 600 | tee "$dir/ctest.out"

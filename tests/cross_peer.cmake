@@ -1,0 +1,12 @@
+# Cross builds: the target's key-value service and client (under the
+# emulator) exchange requests with the build machine's own, both ways. The
+# native peers come from the build that scripts/cross.sh makes first and names
+# in OSTREL_NATIVE_PEER_DIR.
+if(CMAKE_CROSSCOMPILING AND OSTREL_NATIVE_PEER_DIR AND TARGET ostrel-kvd AND TARGET ostrel-kv)
+  add_test(NAME cross_peer_exchange
+    COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/check_cross_peer.sh
+            $<TARGET_FILE:ostrel-kvd> $<TARGET_FILE:ostrel-kv>
+            ${OSTREL_NATIVE_PEER_DIR}/examples/ostrel-kvd ${OSTREL_NATIVE_PEER_DIR}/examples/ostrel-kv
+            ${CMAKE_CROSSCOMPILING_EMULATOR})
+  set_tests_properties(cross_peer_exchange PROPERTIES TIMEOUT 600)
+endif()
