@@ -301,6 +301,22 @@ TEST(TableIterate, AChangeThroughOneIteratorIsFollowedByTheOthers) {
     EXPECT_EQ(walk(t.h, TABLE_ITERATE_FORWARD), (Strings{"b"}));
 }
 
+TEST(TableIterate, LargeUpdateBuffersAreLoggedAsWarnings) {
+    Table t(4, NODE_STORAGE_COPY);
+    t.add("k", "v");
+    Itr it(t.h, TABLE_ITERATE_FORWARD);
+    EXPECT_EQ(it.step(), "k");
+    const std::string big(0x800000, 'x'); // one byte past the warning limit
+    LogCapture cap;
+    ASSERT_EQ(Ostrel_Table_IterateUpdate(it.h, big.data(), 0x7FFFFF), 0u);
+    EXPECT_TRUE(cap.texts(LOG_LEVEL_WARN).empty());
+    ASSERT_EQ(Ostrel_Table_IterateUpdate(it.h, big.data(), 0x800000), 0u);
+    EXPECT_EQ(cap.texts(LOG_LEVEL_WARN),
+              Strings{std::string(kPath) + "|Large malloc in Ostrel_Table_IterateUpdate, size=8388608."});
+    it.end();
+    EXPECT_EQ(t.get("k"), big);
+}
+
 TEST(TableIterate, RangeChangeDuringABucketWalkStaysOnLiveNodes) {
     Table t(2, NODE_STORAGE_COPY);
     ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_REFRESH_STEP, 0), 0u);
