@@ -223,8 +223,16 @@ int ZurnGeneral_RecordBinaryLogInfoEx2(uint64_t hContext, int iLevel, const char
     text += buf;
     text += " bytes)";
     const auto *p = static_cast<const unsigned char *>(pData);
+    LogContext &c = *ctx_of(hContext);
+    // The dump stops at the context's line limit: a large buffer costs no
+    // more than the text that is kept.
+    const size_t cap = c.settings.iMaxLineLength > 0 ? static_cast<size_t>(c.settings.iMaxLineLength) : 65536;
     if (p != nullptr) {
         for (int off = 0; off < iLength; off += 16) {
+            if (text.size() >= cap) {
+                text += "\n...";
+                break;
+            }
             char line[96];
             int n = snprintf(line, sizeof line, "\n%08x:", off);
             for (int i = off; i < off + 16 && i < iLength; ++i)
@@ -232,7 +240,7 @@ int ZurnGeneral_RecordBinaryLogInfoEx2(uint64_t hContext, int iLevel, const char
             text.append(line, static_cast<size_t>(n));
         }
     }
-    emit(*ctx_of(hContext), iLevel, szSrcPath, iLine, text);
+    emit(c, iLevel, szSrcPath, iLine, text);
     return 1;
 }
 

@@ -229,3 +229,18 @@ TEST_F(LogDir, RelativeDirectoryIsFixedWhenTheContextOpens) {
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(LogDir, HexDumpOfALargeBufferStopsAtTheLineLimit) {
+    uint64_t h = open_ctx("bighex");
+    std::vector<unsigned char> big(1 << 20, 0xAB);
+    EXPECT_EQ(ZurnGeneral_RecordBinaryLogInfoEx2(h, 8, "src/x", 1, "big", big.data(), static_cast<int>(big.size())), 1);
+    auto l = lines("bighex.log");
+    ASSERT_GT(l.size(), 2u);
+    EXPECT_LT(l.size(), 2048u / 16 + 4); // about the limit's worth of rows, not 65536 of them
+    EXPECT_EQ(l.back(), "...");
+    EXPECT_EQ(l[1], "00000000: ab ab ab ab ab ab ab ab ab ab ab ab ab ab ab ab");
+}
+
+} // namespace
