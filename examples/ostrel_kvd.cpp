@@ -302,9 +302,12 @@ uint32_t start(void *) {
     if (rc == 0) rc = Ostrel_ThreadGroup_Create(&g_service.group);
     if (rc == 0) rc = netbase_tcp_establish_listen(g_service.host.c_str(), g_service.port, &g_service.listen);
     if (rc != 0) return rc;
-    const char *addr = nullptr;
+    // Copied now: once the worker serves the listen, the handle (and the
+    // address text inside it) belongs to the worker until it is released.
+    const char *listen_addr = nullptr;
     uint32_t port = 0;
-    netbase_get_listening_info(g_service.listen, &addr, &port);
+    netbase_get_listening_info(g_service.listen, &listen_addr, &port);
+    const std::string addr = listen_addr != nullptr ? listen_addr : "?";
 
     sigset_t signals;
     sigemptyset(&signals);
@@ -314,8 +317,8 @@ uint32_t start(void *) {
 
     rc = netbase_wait_connection(g_service.listen, on_connect, nullptr, 1);
     if (rc != 0) return rc;
-    KV_LOG(LOG_LEVEL_INFO, "Serving on %s:%u", addr ? addr : "?", port);
-    printf("ostrel-kvd: listening on %s:%u (pid %ld)\n", addr ? addr : "?", port, static_cast<long>(getpid()));
+    KV_LOG(LOG_LEVEL_INFO, "Serving on %s:%u", addr.c_str(), port);
+    printf("ostrel-kvd: listening on %s:%u (pid %ld)\n", addr.c_str(), port, static_cast<long>(getpid()));
     fflush(stdout);
     return 0;
 }

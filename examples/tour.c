@@ -75,7 +75,7 @@ static void tour_list(void) {
 }
 
 static void tour_table(void) {
-    void *found = NULL;
+    char colour[16] = "";
     char order[64] = "";
     /* tour: table */
     OstrelTableHandle table = NULL;
@@ -86,14 +86,15 @@ static void tour_table(void) {
     Ostrel_Table_SetProperty(table, TABLE_PROP_SORT_FUNCTION, 0); /* visit in key order */
     Ostrel_Table_String_AddNode(table, "pear", "green", 6);
     Ostrel_Table_String_AddNode(table, "apple", "red", 4);
-    Ostrel_Table_String_GetNode(table, "pear", &found, NULL);    /* "green" */
+    Ostrel_Table_String_GetNode(table, "pear", &value, NULL);    /* the node's own copy */
+    strcpy(colour, (const char *)value);                          /* "green" */
     Ostrel_Table_BeginIterate(table, &it, TABLE_ITERATE_FORWARD);
     while (Ostrel_Table_String_Iterate(it, &key, &value, NULL) == 0 && key != NULL)
         strcat(strcat(order, key), " ");                          /* "apple pear " */
     Ostrel_Table_EndIterate(it);
     Ostrel_Table_Destroy(table);
     /* tour end */
-    CHECK(found != NULL && strcmp((const char *)found, "green") == 0);
+    CHECK(strcmp(colour, "green") == 0);
     CHECK(strcmp(order, "apple pear ") == 0);
 }
 
