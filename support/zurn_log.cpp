@@ -156,6 +156,29 @@ void emit(LogContext &c, int level, const char *src, int line, const std::string
 
 inline LogContext *ctx_of(uint64_t h) { return reinterpret_cast<LogContext *>(static_cast<uintptr_t>(h)); }
 
+// Formats one message and hands it on. Kept out of line so that the exported
+// entry point stays small for the calls the threshold filters.
+__attribute__((noinline)) int record_line(LogContext &c, int level, const char *src, int line, const char *fmt,
+                                          va_list ap) {
+    size_t cap = c.settings.iMaxLineLength > 0 ? static_cast<size_t>(c.settings.iMaxLineLength) : 65536;
+    std::string text;
+    char small[1024];
+    va_list again;
+    va_copy(again, ap);
+    int n = vsnprintf(small, sizeof small, fmt, ap);
+    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+    } else if (n >= 0) {
+        text.resize(static_cast<size_t>(n));
+        vsnprintf(&text[0], text.size() + 1, fmt, again);
+    }
+    va_end(again);
+    if (n < 0) return 0;
+    if (text.size() > cap) text.resize(cap);
+    emit(c, level, src, line, text);
+    return 1;
+}
+
 } // namespace
 
 extern "C" {
@@ -189,28 +212,13 @@ int ZurnGeneral_IsNeedLogFile(const LogFileSettings *pSettings, uint64_t *phCont
 
 int ZurnGeneral_RecordAppLogToFileEx2_V(uint64_t hContext, int iLevel, const char *szSrcPath, int iLine,
                                         const char *szFormat, ...) {
-    if (hContext == 0 || iLevel < g_threshold.load(std::memory_order_relaxed)) return 0;
-    if (szFormat == nullptr) return 0;
-    LogContext &c = *ctx_of(hContext);
-    size_t cap = c.settings.iMaxLineLength > 0 ? static_cast<size_t>(c.settings.iMaxLineLength) : 65536;
-    std::string text;
-    char small[1024];
+    // Filtered calls return here, before the formatting frame is set up.
+    if (hContext == 0 || iLevel < g_threshold.load(std::memory_order_relaxed) || szFormat == nullptr) return 0;
     va_list ap;
     va_start(ap, szFormat);
-    int n = vsnprintf(small, sizeof small, szFormat, ap);
+    int written = record_line(*ctx_of(hContext), iLevel, szSrcPath, iLine, szFormat, ap);
     va_end(ap);
-    if (n < 0) return 0;
-    if (static_cast<size_t>(n) < sizeof small) {
-        text.assign(small, static_cast<size_t>(n));
-    } else {
-        text.resize(static_cast<size_t>(n));
-        va_start(ap, szFormat);
-        (void)vsnprintf(text.data(), text.size() + 1, szFormat, ap);
-        va_end(ap);
-    }
-    if (text.size() > cap) text.resize(cap);
-    emit(c, iLevel, szSrcPath, iLine, text);
-    return 1;
+    return written;
 }
 
 int ZurnGeneral_RecordBinaryLogInfoEx2(uint64_t hContext, int iLevel, const char *szSrcPath, int iLine,
