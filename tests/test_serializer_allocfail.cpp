@@ -47,8 +47,6 @@ void fail_allocation_number(int n) { g_allocs_before_failure = n; }
 void fail_allocation_number(int) {}
 #endif
 
-std::string line(const std::string &text) { return std::string(kPath) + "|" + text; }
-
 class SerializerAllocFailure : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -64,10 +62,8 @@ TEST_F(SerializerAllocFailure, HandleAndFirstBlock) {
     fail_allocation_number(0);
     EXPECT_EQ(Ostrel_Serializer_SerializeInit(&c, &h), OSL_ERR_NO_MEMORY);
     EXPECT_EQ(g_OSL_errno, 0x12345u); // the record's own allocation is not stored
-    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
-              std::vector<std::string>{line("Error in Ostrel_Serializer_SerializeInit, alloc(104) failed.")});
-    EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE),
-              std::vector<std::string>{line("<===Exit Ostrel_Serializer_SerializeInit with 0x90006")});
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR), lines({"Error in Ostrel_Serializer_SerializeInit, alloc(104) failed."}));
+    EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE), lines({"<===Exit Ostrel_Serializer_SerializeInit with 0x90006"}));
 
     cap.clear();
     fail_allocation_number(1); // the handle succeeds, its buffer (16 + 255 * 8 -> 2560 bytes) fails
@@ -75,35 +71,32 @@ TEST_F(SerializerAllocFailure, HandleAndFirstBlock) {
     EXPECT_EQ(g_OSL_errno, OSL_ERR_NO_MEMORY);
     EXPECT_EQ(h, nullptr);
     EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
-              (std::vector<std::string>{line("Error in __OSL_Slz_PrepareBuffer, alloc(2560) failed."),
-                                        line("Prepare serialized output buffer failed.")}));
-    EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE),
-              std::vector<std::string>{line("<===Exit __OSL_Slz_PrepareBuffer with 0x90006")});
+              lines({"Error in __OSL_Slz_PrepareBuffer, alloc(2560) failed.",
+                     "Prepare serialized output buffer failed."}));
+    EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE), lines({"<===Exit __OSL_Slz_PrepareBuffer with 0x90006"}));
 
     std::vector<unsigned char> empty = unhex("E2 00 02 04 0C 00 00 00 00 0C 0C 00");
     cap.clear();
     fail_allocation_number(0);
     EXPECT_EQ(Ostrel_Serializer_DeserializeInit(empty.data(), 12, &h), OSL_ERR_NO_MEMORY);
     EXPECT_EQ(h, nullptr);
-    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
-              std::vector<std::string>{line("Error in Ostrel_Serializer_DeserializeInit, alloc(104) failed.")});
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR), lines({"Error in Ostrel_Serializer_DeserializeInit, alloc(104) failed."}));
 }
 
 TEST_F(SerializerAllocFailure, GrowingKeepsThePacketAsItWas) {
     Writer w(kBE, 4, kOrdered);
-    ASSERT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%d", 1), 0u);
+    ASSERT_EQ(put(w.h, "%d", 1), 0u);
     std::vector<int32_t> big(200, 3);
     LogCapture cap;
     fail_allocation_number(0);
-    EXPECT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%d %ad", 2, big.data(), 200), OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(put(w.h, "%d %ad", 2, big.data(), 200), OSL_ERR_NO_MEMORY);
     EXPECT_EQ(Ostrel_GetLastError(), OSL_ERR_NO_MEMORY);
     EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
-              (std::vector<std::string>{line("Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed."),
-                                        line("Prepare serialized output buffer failed."),
-                                        line("Serialize parameter 2 failed.")}));
+              lines({"Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed.",
+                     "Prepare serialized output buffer failed.", "Serialize parameter 2 failed."}));
     // The "%d" of the failed call stays; the array left nothing behind.
     EXPECT_EQ(w.packet(), "E2 00 03 04 00 00 00 1C 02 0C 00 0C 04 00 00 04 00 00 00 01 04 00 00 04 00 00 00 02");
-    ASSERT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%ad", big.data(), 200), 0u);
+    ASSERT_EQ(put(w.h, "%ad", big.data(), 200), 0u);
     Reader r(w.bytes());
     ASSERT_EQ(r.rc, 0u);
 }
@@ -111,7 +104,7 @@ TEST_F(SerializerAllocFailure, GrowingKeepsThePacketAsItWas) {
 TEST_F(SerializerAllocFailure, AllocatingReads) {
     Writer w(kLE, 4, kOrdered);
     const int32_t arr[] = {1, 2, 3};
-    ASSERT_EQ(Ostrel_Serializer_Serialize(w.h, 1, "%ad %s %l", arr, 3, "hello", int64_t{9}), 0u);
+    ASSERT_EQ(put(w.h, "%ad %s %l", arr, 3, "hello", int64_t{9}), 0u);
     Reader r(w.bytes());
     LogCapture cap;
     void *p = nullptr;
@@ -127,9 +120,9 @@ TEST_F(SerializerAllocFailure, AllocatingReads) {
     EXPECT_EQ(Ostrel_Serializer_Deserialize(r.h, "@Nl", &p), OSL_ERR_NO_MEMORY);
     EXPECT_EQ(p, nullptr);
     EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
-              (std::vector<std::string>{line("Alloc memory (size=3*4) failed."), line("Deserialize parameter 1 failed."),
-                                        line("Alloc memory (size=6) failed."), line("Deserialize parameter 1 failed."),
-                                        line("Alloc memory (size=8) failed."), line("Deserialize parameter 1 failed.")}));
+              lines({"Alloc memory (size=3*4) failed.", "Deserialize parameter 1 failed.",
+                     "Alloc memory (size=6) failed.", "Deserialize parameter 1 failed.",
+                     "Alloc memory (size=8) failed.", "Deserialize parameter 1 failed."}));
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,14 @@ namespace slz_test {
 
 constexpr const char *kPath = "src/serializer";
 constexpr uint32_t kLE = 0, kBE = 1, kUnordered = 0, kOrdered = 1;
+
+// A logged line as LogCapture::texts() gives it, and a list of them.
+inline std::string line(const std::string &text) { return std::string(kPath) + "|" + text; }
+inline std::vector<std::string> lines(std::initializer_list<std::string> texts) {
+    std::vector<std::string> out;
+    for (const auto &t : texts) out.push_back(line(t));
+    return out;
+}
 
 inline Ostrel_SerializerConfig config(uint32_t endian, uint32_t align, uint32_t order, bool ptr32 = false) {
     return Ostrel_SerializerConfig{ptr32 ? 1 : 0, endian, align, order, ptr32 ? 1u : 0u};
@@ -43,6 +52,12 @@ inline std::vector<unsigned char> unhex(const std::string &s) {
         i += 2;
     }
     return out;
+}
+
+// Appends items to a writing handle.
+template <typename... Args>
+uint32_t put(Ostrel_Serializer *h, const char *fmt, Args... args) {
+    return Ostrel_Serializer_Serialize(h, OSL_SLZ_MODE_APPEND, fmt, args...);
 }
 
 // A writing handle destroyed at scope end.
