@@ -42,13 +42,14 @@ exchange() { # name, server kind, client kind (target or native)
   if [ "$2" = target ]; then server="$emulator $target_kvd"; else server="$native_kvd"; fi
   if [ "$3" = target ]; then client="$emulator $target_kv"; else client="$native_kv"; fi
   mkdir -p "$tmp/$name"
+  : >"$tmp/$name/server.out" # exists before the background start opens it
   # shellcheck disable=SC2086 # the emulator command splits into its words
   $server --port 0 --pid-dir "$tmp/$name" >"$tmp/$name/server.out" 2>&1 &
   server_pid=$!
   port=""
   tries=0
   while [ -z "$port" ]; do
-    port=$(sed -n 's/^ostrel-kvd: listening on [^ ]*:\([0-9][0-9]*\).*/\1/p' "$tmp/$name/server.out")
+    port=$(sed -n 's/^ostrel-kvd: listening on [^ ]*:\([0-9][0-9]*\).*/\1/p' "$tmp/$name/server.out" || true)
     if [ -z "$port" ]; then
       if ! kill -0 "$server_pid" 2>/dev/null || [ "$tries" -ge 600 ]; then
         echo "FAIL $name: the service did not start:"; cat "$tmp/$name/server.out"
