@@ -29,6 +29,7 @@
 
 #include "ostrel_common.h"
 #include "ostrel_service.h"
+#include "threadgroup_test_util.h"
 #include "zurn_general.h"
 
 namespace {
@@ -266,7 +267,6 @@ TEST_F(ServiceTest, ForegroundWrapperWritesLocksAndKeepsItsPidFile) {
         "<---cb_service_main()=0x0",
     };
     EXPECT_EQ(svc.texts(), expected);
-    EXPECT_TRUE(svc.has(LOG_LEVEL_TRACE, "pid file path=(.//qmv_ns_svc.pid)"));
 
     // Started: the wrapper sleeps and the process stays; the lock goes with it.
     EXPECT_TRUE(svc.alive());
@@ -305,20 +305,10 @@ TEST_F(ServiceTest, SecondInstanceIsRefusedWhileTheFirstRuns) {
     EXPECT_EQ(lock_seen(dir_ + "/qmv_ns_svc.pid").l_pid, first.pid());
 }
 
-TEST_F(ServiceTest, LongerOldPidFileIsTruncated) {
-    const std::string file = dir_ + "/qmv_ns_trunc.pid";
-    {
-        std::ofstream old(file);
-        old << "123456789012345678901234567890\nleftover line\n";
-    }
-    Child svc(dir_, [] { return Ostrel_NonService_Wrapper("trunc", start_ok); });
-    ASSERT_TRUE(svc.read_until("<---cb_service_main()=0x0"));
-    EXPECT_EQ(read_file(file), std::to_string(svc.pid()) + "\n");
-}
-
 // Each foreground wrapper with a failing callback: the callback's code comes
 // back unchanged, logged with its module and text by the main and by the
-// wrapper, under the wrapper's own labels; the pid file stays written.
+// wrapper, under the wrapper's own labels; the pid file stays written (and
+// an old, longer one is truncated).
 TEST_F(ServiceTest, FailingCallbacksCodeIsReturnedAndLogged) {
     struct Case {
         const char *name;
@@ -356,6 +346,11 @@ TEST_F(ServiceTest, FailingCallbacksCodeIsReturnedAndLogged) {
          "_nonservice_main(name,path,0,cb_service_main,param)", "cb_service_main_ex(param)", 0x90022,
          "Data comparation failed.", "custom/qmv_ns_cpx.pid"},
     };
+    {
+        // An old, longer pid file is truncated.
+        std::ofstream old(dir_ + "/" + cases[0].pid_file);
+        old << "123456789012345678901234567890\nleftover line\n";
+    }
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         Child child(dir_, [&] { return c.run(sub); });
@@ -469,13 +464,7 @@ TEST_F(ServiceTest, UnusablePidFilePathsAndANullCallbackAreRefused) {
         EXPECT_TRUE(c.has(LOG_LEVEL_TRACE, "<===Exit Ostrel_Service_Wrapper with 0x9000f"));
     }
     // Nothing was created in the working directory.
-    DIR *d = opendir(dir_.c_str());
-    ASSERT_NE(d, nullptr);
-    int entries = 0;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.') ++entries;
-    closedir(d);
-    EXPECT_EQ(entries, 0);
+    EXPECT_EQ(tgtest::count_dir_entries(dir_.c_str()), 0);
 }
 
 } // namespace
