@@ -94,16 +94,6 @@ TEST(MemoryOff, SwitchIsClosedOnceAnAllocationFunctionHasRun) {
                   "src/memory|Memory debug option must be set before invoking any memory API.",
                   "src/memory|Unknown option index: -1.",
               }));
-
-    // Debugging stays off: blocks have no header and the summary writes nothing.
-    auto *q = static_cast<unsigned char *>(Ostrel_Malloc_D(8, "b.c", 2));
-    ASSERT_NE(q, nullptr);
-    EXPECT_GE(malloc_usable_size(q), 8u);
-    std::string path = summary_path();
-    unlink(path.c_str());
-    Ostrel_MemorySummary(path.c_str());
-    EXPECT_NE(access(path.c_str(), F_OK), 0);
-    Ostrel_Free(q);
 }
 
 TEST(MemoryOff, FreeAloneClosesTheSwitch) {
@@ -171,5 +161,4 @@ TEST(OutputBuffer, ArgumentChecksLogTheirConditionAndKeepTheLastError) {
     EXPECT_EQ(cap.texts(LOG_LEVEL_TRACE),
               std::vector<std::string>(4, "src/memory|<===Exit Ostrel_OutputBuffer with 0x9000f"));
 }
-
 } // namespace
