@@ -13,39 +13,13 @@
 #include "ostrel_error.h"
 #include "test_serializer_util.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OSTREL_ALLOC_INTERPOSED 0
-#else
-#define OSTREL_ALLOC_INTERPOSED 1
-
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-
-namespace {
-// Number of allocations still allowed before one fails; negative: never fail.
-int g_allocs_before_failure = -1;
-
-bool fail_now() {
-    if (g_allocs_before_failure < 0) return false;
-    return g_allocs_before_failure-- == 0;
-}
-} // namespace
-
-extern "C" void *malloc(size_t n) { return fail_now() ? nullptr : __libc_malloc(n); }
-extern "C" void *calloc(size_t a, size_t b) { return fail_now() ? nullptr : __libc_calloc(a, b); }
-extern "C" void *realloc(void *p, size_t n) { return fail_now() ? nullptr : __libc_realloc(p, n); }
-#endif
+#include "alloc_failure.h"
 
 using namespace slz_test;
 
 namespace {
 
-#if OSTREL_ALLOC_INTERPOSED
-void fail_allocation_number(int n) { g_allocs_before_failure = n; }
-#else
-void fail_allocation_number(int) {}
-#endif
+using alloc_failure::fail_allocation_number;
 
 class SerializerAllocFailure : public ::testing::Test {
 protected:

@@ -17,36 +17,12 @@
 
 const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OSTREL_ALLOC_INTERPOSED 0
-#else
-#define OSTREL_ALLOC_INTERPOSED 1
-
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-
-namespace {
-int g_allocs_before_failure = -1; // negative: never fail
-long g_alloc_count = 0;
-
-bool fail_now() {
-    ++g_alloc_count;
-    return g_allocs_before_failure >= 0 && g_allocs_before_failure-- == 0;
-}
-} // namespace
-
-extern "C" void *malloc(size_t n) { return fail_now() ? nullptr : __libc_malloc(n); }
-extern "C" void *calloc(size_t a, size_t b) { return fail_now() ? nullptr : __libc_calloc(a, b); }
-#endif
+#include "alloc_failure.h"
 
 namespace {
 
-#if OSTREL_ALLOC_INTERPOSED
-void fail_allocation_number(int n) { g_allocs_before_failure = n; } // 0: the next one
-#else
-void fail_allocation_number(int) {}
-long g_alloc_count = 0;
-#endif
+using alloc_failure::allocation_count;
+using alloc_failure::fail_allocation_number;
 
 // The error lines of a call, with the sizes in "alloc(N)" and "size=N" blanked.
 std::vector<std::string> errors(LogCapture &cap) {
@@ -81,17 +57,17 @@ TEST_F(TableAlloc, OneHeapBlockPerNodeWithKeyAndValueInside) {
         OstrelTableHandle h = nullptr;
         ASSERT_EQ(Ostrel_Table_Create(&h, TABLE_RANGE_MAX, mode), 0u); // no growth below
         char key[32];
-        long before = g_alloc_count;
+        long before = allocation_count();
         for (int i = 0; i < 1000; ++i) {
             snprintf(key, sizeof key, "key-%d", i);
             ASSERT_EQ(Ostrel_Table_String_AddNode(h, key, "value bytes", 11), 0u);
         }
-        EXPECT_EQ(g_alloc_count - before, 1000);
-        before = g_alloc_count;
+        EXPECT_EQ(allocation_count() - before, 1000);
+        before = allocation_count();
         ASSERT_EQ(Ostrel_Table_String_UpdateNode(h, "key-1", "short", 5), 0u);
-        EXPECT_EQ(g_alloc_count - before, 0);
+        EXPECT_EQ(allocation_count() - before, 0);
         ASSERT_EQ(Ostrel_Table_String_UpdateNode(h, "key-1", "a much longer value", 19), 0u);
-        EXPECT_EQ(g_alloc_count - before, mode == NODE_STORAGE_COPY ? 1 : 0);
+        EXPECT_EQ(allocation_count() - before, mode == NODE_STORAGE_COPY ? 1 : 0);
         ASSERT_EQ(Ostrel_Table_Destroy(h), 0u);
     }
 }
