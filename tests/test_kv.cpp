@@ -24,6 +24,21 @@
 
 namespace {
 
+// In a cross build the programs under test run through the emulator that
+// OSTREL_TARGET_EMULATOR names (e.g. "qemu-s390x -L /usr/s390x-linux-gnu").
+std::vector<std::string> emulator_words() {
+    std::vector<std::string> words;
+    std::istringstream in(getenv("OSTREL_TARGET_EMULATOR") ? getenv("OSTREL_TARGET_EMULATOR") : "");
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+std::string command_prefix() {
+    std::string prefix;
+    for (const auto &w : emulator_words()) prefix += w + " ";
+    return prefix;
+}
+
 std::string read_text(const std::string &path) {
     std::ifstream f(path);
     std::stringstream ss;
@@ -72,7 +87,13 @@ public:
             close(p[0]);
             setenv("ZURN_LOG_DIR", dir_.c_str(), 1);
             setenv("ZURN_LOG_LEVEL", "INFO", 1);
-            execl(OSTREL_KVD_PATH, "ostrel-kvd", "--port", "0", "--pid-dir", dir_.c_str(), (char *)nullptr);
+            std::vector<std::string> args = emulator_words();
+            for (const char *a : {OSTREL_KVD_PATH, "--port", "0", "--pid-dir"}) args.emplace_back(a);
+            args.push_back(dir_);
+            std::vector<char *> argv;
+            for (auto &a : args) argv.push_back(&a[0]);
+            argv.push_back(nullptr);
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         close(p[1]);
@@ -216,8 +237,8 @@ TEST_F(KvService, GarbageOnTheWireClosesOnlyThatConnection) {
 }
 
 TEST_F(KvService, SecondInstanceOnThePidDirectoryIsRefused) {
-    std::string cmd = std::string("ZURN_LOG_DIR=") + dir_.path() + " " OSTREL_KVD_PATH " --port 0 --pid-dir " +
-                      dir_.path() + " 2>&1";
+    std::string cmd = std::string("ZURN_LOG_DIR=") + dir_.path() + " " + command_prefix() +
+                      OSTREL_KVD_PATH " --port 0 --pid-dir " + dir_.path() + " 2>&1";
     FILE *p = popen(cmd.c_str(), "r");
     ASSERT_NE(p, nullptr);
     char line[256] = {0};
@@ -247,7 +268,7 @@ TEST_F(KvService, SigtermStopsCleanlyWithConnectionsOpen) {
 
 TEST_F(KvService, CommandLineClient) {
     auto run = [&](const std::string &args, int *status) {
-        std::string cmd = std::string(OSTREL_KV_PATH) + " --port " + std::to_string(kvd_->port()) + " " + args;
+        std::string cmd = command_prefix() + OSTREL_KV_PATH + " --port " + std::to_string(kvd_->port()) + " " + args;
         FILE *p = popen(cmd.c_str(), "r");
         std::string out;
         char buf[256];
@@ -301,7 +322,7 @@ std::string run_pktdump(const std::vector<unsigned char> &pkt, int *status) {
         std::ofstream f(file, std::ios::binary);
         f.write(reinterpret_cast<const char *>(pkt.data()), static_cast<std::streamsize>(pkt.size()));
     }
-    FILE *p = popen((std::string(OSTREL_PKTDUMP_PATH) + " --raw " + file).c_str(), "r");
+    FILE *p = popen((command_prefix() + OSTREL_PKTDUMP_PATH + " --raw " + file).c_str(), "r");
     std::string out;
     char buf[256];
     while (p && fgets(buf, sizeof buf, p)) out += buf;

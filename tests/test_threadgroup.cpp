@@ -348,9 +348,11 @@ TEST_F(ThreadGroupTest, TwoHundredThreadsStartedAndCancelledLeaveNothingBehind) 
     }
     EXPECT_EQ(tgtest::open_fds(), fds_before);
     // The C library's own thread bookkeeping moves by a few hundred bytes
-    // from round to round; losing even the smallest record (32 bytes) of
-    // each of 600 threads would show as 19 KiB.
-    EXPECT_LE(tgtest::heap_in_use(), heap_before + 4096);
+    // from round to round, and by a few KiB on a busy machine where more
+    // threads overlap; losing even the smallest record (32 bytes) of each of
+    // 600 threads would show as 19 KiB, anything from 14 bytes a thread as
+    // more than the 8 KiB allowed here.
+    EXPECT_LE(tgtest::heap_in_use(), heap_before + 8192);
     ZurnGeneral_SetLogLevel(prev);
 }
 
