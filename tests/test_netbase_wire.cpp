@@ -3,6 +3,8 @@
 // header checks, extension, limits and truncation of ordinary packets.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <string>
 #include <thread>
 
 #include "ostrel_error.h"
@@ -40,10 +42,18 @@ TEST(NetbaseWireServerHandshake, ChecksLengthsThenReservedBytesThenMagic) {
     struct Case {
         std::string bytes;
         uint32_t code;
-        const char *message;
+        std::string message;
     };
+    // The server logs the length fields as received, not converted: the
+    // little-endian bytes of 1 and 2 read in this host's byte order.
+    const std::string withLengths = header(0x12, 1, 2);
+    uint32_t rawExLen = 0, rawDataLen = 0;
+    memcpy(&rawExLen, withLengths.data() + 4, 4);
+    memcpy(&rawDataLen, withLengths.data() + 8, 4);
     const Case cases[] = {
-        {header(0x12, 1, 2), OSL_ERR_INVALID_DATA, "Invalid netbase handshake packet: ex_len = 1, data_len = 2."},
+        {withLengths, OSL_ERR_INVALID_DATA,
+         "Invalid netbase handshake packet: ex_len = " + std::to_string(static_cast<int32_t>(rawExLen)) +
+             ", data_len = " + std::to_string(static_cast<int32_t>(rawDataLen)) + "."},
         {header(0x12, 0, 0, 1, 0), OSL_ERR_INVALID_DATA,
          "Invalid netbase handshake packet(reserve field are not empty with version 0)."},
         {header(0xA6, 0, 0, 0, 7), OSL_ERR_INVALID_DATA,
