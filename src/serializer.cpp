@@ -141,7 +141,10 @@ void copy_elements(unsigned char *dst, const unsigned char *src, uint32_t count,
         if (dst != src) memcpy(dst, src, static_cast<size_t>(count) * size);
         return;
     }
-    for (uint32_t i = 0; i < count; ++i) copy_value(dst + i * size, src + i * size, size, true);
+    for (uint32_t i = 0; i < count; ++i) {
+        const size_t at = static_cast<size_t>(i) * size;
+        copy_value(dst + at, src + at, size, true);
+    }
 }
 
 // --- sizes ------------------------------------------------------------------
@@ -338,7 +341,7 @@ uint32_t __OSL_Slz_EncodeIntegerItem(va_list &ap, Ostrel_Serializer *h, uint32_t
         for (uint32_t i = 0; i < n; ++i) {
             uintptr_t p;
             memcpy(&p, elems + i * sizeof(void *), sizeof p);
-            st32(c + i * 4, static_cast<uint32_t>(p), swap);
+            st32(c + static_cast<size_t>(i) * 4, static_cast<uint32_t>(p), swap);
         }
     } else {
         copy_elements(c, elems, n, size, swap);
@@ -536,7 +539,7 @@ uint32_t serialize_items(Ostrel_Serializer *h, const char *p, va_list &ap) {
         if (unordered) {
             // Written once the item is complete: a handle that nests its own
             // packet finishes it first, and that header lands on this slot.
-            unsigned char *entry = h->pucBuf + h->stHeader.usItemsStart - (h->stHeader.ucCount + 1u) * e;
+            unsigned char *entry = h->pucBuf + h->stHeader.usItemsStart - static_cast<size_t>(h->stHeader.ucCount + 1u) * e;
             st32(entry, d.uIndex << 24 | itemOffset, swap);
             if (e == 8) memset(entry + 4, 0, 4);
         }
@@ -618,7 +621,11 @@ uint32_t __OSL_Slz_UpdateDecoderHandle(const unsigned char *pucBuf, uint32_t uLe
             const bool isNull = (v & kFlagNullArray) != 0;
             if (v & kFlagArray) {
                 const uint32_t foreignPtr = sizeof(void *) == 8 ? kTypePtr32 : kTypePtr64;
-                if (isNull && len != 4) {
+                const bool elementType = type == 1 || type == 2 || type == 4 || type == 8 || type == kTypePtr32 ||
+                                         type == kTypePtr64 || type == kTypePacket;
+                // A null array whose slot is not 4 bytes, and an element type
+                // no array can have, are rejected without a message.
+                if ((isNull && len != 4) || !elementType) {
                     ok = false;
                 } else if (type == foreignPtr) {
                     OSL_LOG(LOG_LEVEL_ERROR,
@@ -641,11 +648,8 @@ uint32_t __OSL_Slz_UpdateDecoderHandle(const unsigned char *pucBuf, uint32_t uLe
                         }
                         pos += round_up(mv & kMax24, a);
                     }
-                } else if (type == 1 || type == 2 || type == 4 || type == 8 || type == kTypePtr32 ||
-                           type == kTypePtr64) {
-                    pos += isNull ? e : round_up(len, a);
                 } else {
-                    ok = false;
+                    pos += isNull ? e : round_up(len, a);
                 }
             } else if (isNull) {
                 ok = false;
@@ -676,7 +680,7 @@ uint32_t __OSL_Slz_UpdateDecoderHandle(const unsigned char *pucBuf, uint32_t uLe
     if (!ordered) {
         // Every entry must name the start of an item (starts[] is ascending).
         for (uint32_t i = 0; i < count; ++i) {
-            const uint32_t off = ld32(p + hl + i * e, swap) & kMax24;
+            const uint32_t off = ld32(p + hl + static_cast<size_t>(i) * e, swap) & kMax24;
             uint32_t lo = 0, hi = count;
             while (lo < hi) {
                 uint32_t mid = (lo + hi) / 2;

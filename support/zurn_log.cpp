@@ -170,7 +170,8 @@ __attribute__((noinline)) int record_line(LogContext &c, int level, const char *
         text.assign(small, static_cast<size_t>(n));
     } else if (n >= 0) {
         text.resize(static_cast<size_t>(n));
-        vsnprintf(&text[0], text.size() + 1, fmt, again);
+        // The length is known from the first pass: this one cannot be cut short.
+        (void)vsnprintf(text.data(), text.size() + 1, fmt, again);
     }
     va_end(again);
     if (n < 0) return 0;

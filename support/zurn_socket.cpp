@@ -30,14 +30,28 @@ namespace {
 thread_local char t_error_text[256] = "Success";
 
 void set_error_text(const char *call, const char *reason) {
-    snprintf(t_error_text, sizeof t_error_text, "%s: %s", call, reason);
+    // A text longer than the buffer is cut short on purpose.
+    (void)snprintf(t_error_text, sizeof t_error_text, "%s: %s", call, reason);
+}
+
+// strerror_r comes in two forms, and which one a C library declares depends
+// on its feature macros: the GNU form returns the text (which may or may not
+// live in buf), the XSI form returns 0 after filling buf. Overloads on the
+// return type take either.
+[[maybe_unused]] const char *strerror_r_text(const char *text, char *, size_t, int) { return text; }
+[[maybe_unused]] const char *strerror_r_text(int rc, char *buf, size_t size, int err) {
+    if (rc != 0) (void)snprintf(buf, size, "Unknown error %d", err);
+    return buf;
+}
+
+// The text for errno value `err`, thread-safe; buf holds it when needed.
+const char *errno_text(int err, char *buf, size_t size) {
+    return strerror_r_text(strerror_r(err, buf, size), buf, size, err);
 }
 
 void set_errno_text(const char *call, int err) {
     char buf[128];
-    // GNU strerror_r returns the text, which may or may not live in buf.
-    const char *reason = strerror_r(err, buf, sizeof buf);
-    set_error_text(call, reason);
+    set_error_text(call, errno_text(err, buf, sizeof buf));
 }
 
 using Clock = std::chrono::steady_clock;
@@ -65,7 +79,7 @@ bool wait_ready(int fd, short events, const Deadline &dl, uint32_t timeout_ms, c
         int left = dl.remaining();
         if (left == 0) {
             char reason[64];
-            snprintf(reason, sizeof reason, "Timed out after %u ms", timeout_ms);
+            (void)snprintf(reason, sizeof reason, "Timed out after %u ms", timeout_ms);
             set_error_text(call, reason);
             return false;
         }
@@ -111,7 +125,9 @@ bool resolve(const char *addr, bool passive, struct in_addr *out, const char *ca
     struct addrinfo *res = nullptr;
     int rc = getaddrinfo(addr, nullptr, &hints, &res);
     if (rc != 0 || res == nullptr) {
-        set_error_text("getaddrinfo", rc == EAI_SYSTEM ? strerror(errno) : gai_strerror(rc));
+        const int err = errno;
+        char buf[128];
+        set_error_text("getaddrinfo", rc == EAI_SYSTEM ? errno_text(err, buf, sizeof buf) : gai_strerror(rc));
         if (res) freeaddrinfo(res);
         return false;
     }
@@ -190,7 +206,7 @@ int transfer(ZurnSocket *s, void *buffer, uint32_t length, uint32_t timeout_ms, 
             int remaining = dl.remaining();
             if (remaining == 0) {
                 char reason[64];
-                snprintf(reason, sizeof reason, "Timed out after %u ms", timeout_ms);
+                (void)snprintf(reason, sizeof reason, "Timed out after %u ms", timeout_ms);
                 set_error_text(call, reason);
                 return 0;
             }

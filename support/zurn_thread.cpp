@@ -25,6 +25,7 @@ std::unordered_set<uint64_t> &undetached() {
 }
 
 struct StartRecord {
+    StartRecord(ZurnThreadEntry e, void *a) : entry(e), arg(a) {}
     ZurnThreadEntry entry;
     void *arg;
     // Held by the starter until the identifier is stored; the new thread
@@ -64,7 +65,7 @@ int ZurnGeneral_CreateWorkingThread(ZurnThreadEntry pfnEntry, void *pArg, uint64
         errno = EINVAL;
         return 0;
     }
-    auto *rec = new (std::nothrow) StartRecord{pfnEntry, pArg, {}};
+    StartRecord *rec = new (std::nothrow) StartRecord(pfnEntry, pArg);
     if (rec == nullptr) {
         errno = ENOMEM;
         return 0;
