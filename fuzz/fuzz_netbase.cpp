@@ -12,9 +12,11 @@
 // delivered length, and all of it when a packet is refused before its data
 // is read, must stay untouched.
 //
-// A header may announce an extension or a packet of up to 4 GiB, which the
-// receiver allocates before it reads; inputs that reach such a header end
-// the session there rather than spend the memory.
+// A header may announce an extension of up to 4 GiB, which the receiver
+// reads through a bounded block, so any extension length is fed as it is.
+// A packet of up to the data limit received into handle-owned memory is
+// allocated before it is read; inputs that reach such a header with a length
+// over kAllocBound end the session there rather than spend the memory.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -99,7 +101,7 @@ struct Model {
     }
 
     // Predicts one receive. cap < 0: into handle-owned memory. Sets *skip
-    // when the call would allocate more than the bound.
+    // when the call would allocate more than the bound for the data.
     uint32_t receive(int64_t cap, std::string *data, bool *skip) {
         *skip = false;
         if (left() < 12) return OSL_ERR_UNKNOWN;
@@ -116,7 +118,7 @@ struct Model {
             return bad;
         }
         const uint32_t ex = get32(h + 4, peer != 0), len = get32(h + 8, peer != 0);
-        if (ex > kAllocBound || (cap < 0 && len <= NETBASE_PACKET_LENGTH_MAX && len > kAllocBound)) {
+        if (cap < 0 && len <= NETBASE_PACKET_LENGTH_MAX && len > kAllocBound) {
             *skip = true;
             return 0;
         }

@@ -44,6 +44,8 @@ constexpr uint32_t kHeaderSize = 12;
 constexpr uint32_t kFirstChunk = kStagingSize - kHeaderSize; // 1,428 data bytes ride with the header
 constexpr uint32_t kSmallExtension = 16;
 constexpr uint32_t kLargeAlloc = 8388608;
+// The largest block an extended context is read through.
+constexpr uint32_t kExtensionBlock = 65536;
 constexpr int kListenBacklog = 128;
 constexpr int kCanAcceptWait = 2;
 constexpr uint32_t kLoopAcceptTimeout = 5;
@@ -284,14 +286,24 @@ uint32_t local_netbase_receive_packet_ctx(NetbaseCtx *handle, uint32_t timeout, 
     } else {
         if (packet_ctx.ex_len >= kLargeAlloc)
             OSL_LOG(LOG_LEVEL_WARN, "Large malloc in %s, size=%d.", __func__, static_cast<int>(packet_ctx.ex_len));
-        void *ex_ctx = calloc(1, packet_ctx.ex_len);
-        if (ex_ctx == nullptr) OSL_ALLOC_FAILED(packet_ctx.ex_len);
+        // The extension is dropped, so it goes through one block of at most
+        // kExtensionBlock bytes, reused for each chunk: what a header
+        // announces (up to 4 GiB) does not decide how much memory is taken.
+        // Each chunk's receive waits up to the time-out.
+        const uint32_t block = packet_ctx.ex_len < kExtensionBlock ? packet_ctx.ex_len : kExtensionBlock;
+        void *ex_ctx = calloc(1, block);
+        if (ex_ctx == nullptr) OSL_ALLOC_FAILED(block);
         if (packet_ctx.data_len > NETBASE_PACKET_LENGTH_MAX) {
             free(ex_ctx);
             OSL_LOG(LOG_LEVEL_ERROR, "Packet data length: %d exceed limit.", static_cast<int>(packet_ctx.data_len));
             NB_EXIT(OSL_ERR_INVALID_LENGTH);
         }
-        received = S_ReceiveEx(&handle->socket, ex_ctx, packet_ctx.ex_len, timeout);
+        received = 1;
+        for (uint32_t left = packet_ctx.ex_len; left > 0 && received == 1;) {
+            const uint32_t chunk = left < block ? left : block;
+            received = S_ReceiveEx(&handle->socket, ex_ctx, chunk, timeout);
+            left -= chunk;
+        }
         free(ex_ctx);
     }
     if (received != 1) {

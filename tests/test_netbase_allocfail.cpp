@@ -4,8 +4,10 @@
 // runtime.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "test_netbase_util.h"
@@ -17,8 +19,12 @@
 extern "C" void *__libc_calloc(size_t, size_t);
 namespace {
 bool g_fail_calloc = false;
+size_t g_calloc_limit = SIZE_MAX; // larger requests fail
+} // namespace
+extern "C" void *calloc(size_t a, size_t b) {
+    if (g_fail_calloc || (b != 0 && a > g_calloc_limit / b)) return nullptr;
+    return __libc_calloc(a, b);
 }
-extern "C" void *calloc(size_t a, size_t b) { return g_fail_calloc ? nullptr : __libc_calloc(a, b); }
 #endif
 
 using namespace nbtest;
@@ -30,6 +36,14 @@ void fail_calloc(bool on) {
     g_fail_calloc = on;
 #else
     (void)on;
+#endif
+}
+
+void limit_calloc(size_t bytes) {
+#if NB_ALLOC_INTERPOSED
+    g_calloc_limit = bytes;
+#else
+    (void)bytes;
 #endif
 }
 
@@ -60,6 +74,47 @@ TEST(NetbaseAllocFailure, EachHandleKindReportsItsOwnMessages) {
     ASSERT_EQ(netbase_accept(listen, &h, kTimeout), 0u);
     close(fd);
     netbase_close(h);
+    netbase_close(listen);
+}
+
+// A header may announce up to 4 GiB of extension: it is read through a block
+// of at most 64 KiB, and a block that cannot be had is reported with its size.
+TEST(NetbaseAllocFailure, ExtendedContextIsReadThroughABoundedBlock) {
+    if (!NB_ALLOC_INTERPOSED) GTEST_SKIP() << "allocator owned by the sanitizer runtime";
+    uint32_t port = 0;
+    NetbaseCtx *listen = make_listen(&port);
+    int fd = raw_connect(port);
+    NetbaseCtx *server = nullptr;
+    ASSERT_EQ(netbase_accept(listen, &server, kTimeout), 0u);
+    const uint32_t exLen = (1u << 20) + 7;
+    ASSERT_TRUE(send_all(fd, header(0xA6, 0, 0)));
+    ASSERT_EQ(netbase_server_handshake(server, kTimeout), 0u);
+    const std::string stream = header(0xA6, exLen, 2) + std::string(exLen, 'e') + "ok" + header(0xA6, 100000, 1) +
+                               std::string(100000, 'e') + "!";
+    // More than the socket buffers hold: written while the receiver reads.
+    // Its end may stay unread, so whether all of it went out is not checked.
+    std::thread writer([&] { (void)send_all(fd, stream); });
+    LogCapture cap;
+    char buf[16];
+    int32_t size = sizeof buf;
+    limit_calloc(65536);
+    uint32_t bounded_rc = netbase_receive_packet_buf(server, buf, &size, kTimeout);
+    limit_calloc(SIZE_MAX);
+    EXPECT_EQ(bounded_rc, 0u);
+    EXPECT_EQ(std::string(buf, static_cast<size_t>(size)), "ok");
+    size = sizeof buf;
+    fail_calloc(true);
+    uint32_t failed_rc = netbase_receive_packet_buf(server, buf, &size, kTimeout);
+    fail_calloc(false);
+    EXPECT_EQ(failed_rc, OSL_ERR_NO_MEMORY);
+    EXPECT_EQ(size, static_cast<int32_t>(sizeof buf));
+    EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR),
+              (std::vector<std::string>{"src/netbase_api|Error in local_netbase_receive_packet_ctx, alloc(65536) failed.",
+                                        "src/netbase_api|Receive packet CTX failed."}));
+    // The rest is not read: closing this side ends the peer's write.
+    netbase_close(server);
+    writer.join();
+    close(fd);
     netbase_close(listen);
 }
 

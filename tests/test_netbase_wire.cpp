@@ -187,6 +187,30 @@ TEST(NetbaseWirePacket, TooSmallBufferAndTruncatedPacketFailCleanly) {
     EXPECT_TRUE(cap.has(LOG_LEVEL_ERROR, kPath, "Receive netbase packet basic CTX failed: recv: Connection closed by peer."));
 }
 
+TEST(NetbaseWirePacket, LargeExtensionIsReadAndDroppedBeforeThePacket) {
+    // 1 MiB and a few bytes of extension, so that it is read in more than
+    // one piece with a short last one; its bytes vary, so a receiver that
+    // read too little or too much would deliver the wrong bytes next.
+    const uint32_t exLen = (1u << 20) + 7;
+    std::string extension(exLen, '\0');
+    for (uint32_t i = 0; i < exLen; ++i) extension[i] = static_cast<char>(i * 7 % 251);
+    RawClient peer;
+    ASSERT_EQ(peer.handshake(header(0xA6, 0, 0)), 0u);
+    const std::string stream = header(0xA6, exLen, 5) + extension + "hello" + header(0xA6, 0, 3) + "xyz";
+    // More than the socket buffers hold: written while the receiver reads.
+    bool sent = false;
+    std::thread writer([&] { sent = send_all(peer.fd, stream); });
+    std::string buf(256, '\0');
+    int32_t size = 256;
+    EXPECT_EQ(netbase_receive_packet_buf(peer.server, &buf[0], &size, kTimeout), 0u);
+    EXPECT_EQ(buf.substr(0, static_cast<size_t>(size)), "hello");
+    size = 256;
+    EXPECT_EQ(netbase_receive_packet_buf(peer.server, &buf[0], &size, kTimeout), 0u);
+    EXPECT_EQ(buf.substr(0, static_cast<size_t>(size)), "xyz");
+    writer.join();
+    EXPECT_TRUE(sent);
+}
+
 TEST(NetbaseWirePacket, HandleMemoryGrowsAndIsReusedAcrossPackets) {
     RawClient peer;
     std::string big(5000, 'B');
