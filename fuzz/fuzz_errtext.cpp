@@ -20,15 +20,8 @@
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "ostrel_ervix.h"
+#include "fuzz_check.h"
 
-// A failed expectation aborts, which libFuzzer reports with the input.
-#define check(cond)                                                                 \
-    do {                                                                            \
-        if (!(cond)) {                                                              \
-            fprintf(stderr, "%s:%d: expectation failed: %s\n", __FILE__, __LINE__, #cond); \
-            abort();                                                                \
-        }                                                                           \
-    } while (0)
 
 namespace {
 

@@ -31,15 +31,8 @@
 
 #include "ostrel_common.h"
 #include "ostrel_netbase.h"
+#include "fuzz_check.h"
 
-// A failed expectation aborts, which libFuzzer reports with the input.
-#define check(cond)                                                                 \
-    do {                                                                            \
-        if (!(cond)) {                                                              \
-            fprintf(stderr, "%s:%d: expectation failed: %s\n", __FILE__, __LINE__, #cond); \
-            abort();                                                                \
-        }                                                                           \
-    } while (0)
 
 namespace {
 

@@ -27,17 +27,10 @@
 
 #include "ostrel_common.h"
 #include "ostrel_table.h"
+#include "fuzz_check.h"
 
 const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
 
-// A failed expectation aborts, which libFuzzer reports with the input.
-#define check(cond)                                                                 \
-    do {                                                                            \
-        if (!(cond)) {                                                              \
-            fprintf(stderr, "%s:%d: expectation failed: %s\n", __FILE__, __LINE__, #cond); \
-            abort();                                                                \
-        }                                                                           \
-    } while (0)
 
 namespace {
 
