@@ -251,13 +251,13 @@ static void tour_errors(void) {
 int main(void) {
     char dir[] = "/tmp/ostrel_tour_XXXXXX";
     if (mkdtemp(dir) == NULL || chdir(dir) != 0) return 2;
-    tour_memory(); /* first: debugging is switched on before any allocation */
+    tour_memory();  /* first: debugging is switched on before any allocation */
+    tour_service(); /* forks while this process has no other thread */
     tour_list();
     tour_table();
     tour_serializer();
     tour_netbase();
     tour_threadgroup();
-    tour_service();
     tour_errors();
     unlink("leaks.txt");
     unlink("qmv_ns_tour.pid");
