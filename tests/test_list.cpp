@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_error.h"
 #include "ostrel_list.h"
 

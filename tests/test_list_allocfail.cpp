@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <string>
 
-#include "log_capture.h"
+#define OSTREL_TEST_INTERPOSE_ALLOC
+#include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "ostrel_list.h"
 
-#include "alloc_failure.h"
 
 namespace {
 

@@ -17,8 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "under_valgrind.h"
-#include "log_capture.h"
+#include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "ostrel_memory.h"

@@ -14,7 +14,7 @@
 #include <vector>
 #include <thread>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_netbase.h"
 
 #if defined(__SANITIZE_ADDRESS__)

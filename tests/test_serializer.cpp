@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_error.h"
 #include "test_serializer_util.h"
 

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#define OSTREL_TEST_INTERPOSE_ALLOC
+#include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "test_serializer_util.h"
 
-#include "alloc_failure.h"
 
 using namespace slz_test;
 

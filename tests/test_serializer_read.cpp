@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "../fuzz/fuzz_serializer_reader.h"
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_error.h"
 #include "ostrel_memory.h"
 #include "test_serializer_util.h"

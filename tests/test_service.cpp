@@ -29,7 +29,7 @@
 
 #include "ostrel_common.h"
 #include "ostrel_service.h"
-#include "threadgroup_test_util.h"
+#include "test_util.h"
 #include "zurn_general.h"
 
 namespace {

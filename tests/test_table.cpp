@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "ostrel_table.h"

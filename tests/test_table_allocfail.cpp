@@ -10,14 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#define OSTREL_TEST_INTERPOSE_ALLOC
+#include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_error.h"
 #include "ostrel_table.h"
 
 const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
 
-#include "alloc_failure.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_error.h"
 #include "ostrel_table.h"
 

@@ -16,9 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_threadgroup.h"
-#include "threadgroup_test_util.h"
 
 namespace {
 

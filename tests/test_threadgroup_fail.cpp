@@ -19,10 +19,9 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_threadgroup.h"
-#include "threadgroup_test_util.h"
 
 #if OSTREL_TEST_SANITIZED
 #define OSTREL_TG_INTERPOSED 0

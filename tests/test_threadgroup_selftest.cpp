@@ -15,9 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "ostrel_threadgroup.h"
-#include "threadgroup_test_util.h"
 
 namespace {
 

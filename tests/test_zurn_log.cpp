@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "log_capture.h"
+#include "test_util.h"
 #include "zurn_general.h"
 
 namespace {
