@@ -134,7 +134,8 @@ void random_calls(bool debug) {
         std::vector<Block *> list;
         for (auto &b : live) b.listed && debug ? list.push_back(&b) : void();
         auto line = [&](size_t i) { return block_line(list[i]->size, list[i]->file, list[i]->line); };
-        const size_t broken = list.empty() || rng() % 3 ? list.size() : rng() % list.size();
+        const size_t end = rng() % 3, broken = list.empty() || rng() % 3 ? list.size() // none; else the newest, the oldest
+                                             : end == 0 ? 0 : end == 1 ? list.size() - 1 : rng() % list.size(); // or any
         char *hit = broken == list.size() ? nullptr : rng() % 2 ? list[broken]->p - 96 : list[broken]->p + list[broken]->size;
         char crashed[64];
         snprintf(crashed, sizeof crashed, "Crashed memory block: %p.\n", static_cast<void *>(hit ? list[broken]->p - 96 : nullptr));
