@@ -26,7 +26,7 @@
  *             with Ostrel_Free; '#' (writing) as '%', and an array whose
  *             pointer is NULL while its count is not 0 is kept as a null array.
  *     index   unordered mode only: decimal 1..255 followed by '.', e.g. "%3.d".
- *     'a'     optional: an array.
+ *     array   optional 'a' before the letter: an array.
  *     letter  'c' 8-bit, 'h' 16-bit, 'd' 32-bit, 'l' 64-bit integer,
  *             'p' pointer value, 's' string, 'b' nested packet.
  *
