@@ -299,6 +299,11 @@ public:
     byte_view(const char *s) noexcept : data_(s), size_(s ? std::strlen(s) : 0) {}
     /** The characters of a string, without a NUL. */
     byte_view(const std::string &s) noexcept : data_(s.data()), size_(s.size()) {}
+    /** The bytes of a contiguous container of bytes (std::vector<unsigned char>, std::array...). */
+    template <class C, class E = std::remove_pointer_t<decltype(std::declval<const C &>().data())>,
+              class = std::enable_if_t<sizeof(E) == 1 && std::is_trivially_copyable_v<E> &&
+                                       !std::is_convertible_v<const C &, std::string_view>>>
+    byte_view(const C &c) noexcept : data_(c.data()), size_(c.size()) {}
     /** The bytes of a NUL-terminated string, NUL included (empty for null). */
     static byte_view with_nul(const char *s) noexcept { return s ? byte_view(s, std::strlen(s) + 1) : byte_view(); }
 
