@@ -77,6 +77,13 @@
 #define OSTREL_CONSTEVAL_DESCRIPTORS 0
 #endif
 
+#if defined(__GNUC__)
+/** Inlines the layer's glue into the caller, so that a typed call costs what the C call costs. */
+#define OSTREL_FORCE_INLINE __attribute__((always_inline))
+#else
+#define OSTREL_FORCE_INLINE
+#endif
+
 namespace ostrel {
 
 // ============================================================================
@@ -137,11 +144,12 @@ public:
 };
 } // namespace detail
 
+namespace detail {
+inline const category_impl category_instance{}; // constant-initialized: no guard on use
+} // namespace detail
+
 /** The error category of every Ostrel code: name() "ostrel", message() error_text(). */
-inline const std::error_category &category() noexcept {
-    static const detail::category_impl instance;
-    return instance;
-}
+inline const std::error_category &category() noexcept { return detail::category_instance; }
 
 /** A 32-bit Ostrel code as a std::error_code (0: no error). */
 inline std::error_code make_error_code(uint32_t code) noexcept {
@@ -1172,8 +1180,8 @@ struct fixed_descriptor {
 
 // The descriptor of holders that all carry an index, built per call; false
 // when an index is outside 1 .. 255.
-template <class... H>
-bool indexed_descriptor(char *out, const H &...h) noexcept {
+template <class Tuple, size_t... I>
+bool indexed_descriptor(char *out, const Tuple &holders, std::index_sequence<I...>) noexcept {
     size_t k = 0;
     bool ok = true;
     auto one = [&](const auto &x) {
@@ -1186,7 +1194,7 @@ bool indexed_descriptor(char *out, const H &...h) noexcept {
         out[k++] = '.';
         k = put_tail(out, k, X::s);
     };
-    (one(h), ...);
+    (one(std::get<I>(holders)), ...);
     out[k] = 0;
     return ok;
 }
@@ -1260,38 +1268,50 @@ struct basic_format {
 #endif
 };
 
+// The glue below runs over a tuple of holders, one per argument: the first
+// refusal of an argument, the call with every holder's C arguments in order,
+// and the steps after the call.
 template <class... H>
-uint32_t first_failure(const H &...h) noexcept {
+using holder_index = std::index_sequence_for<H...>;
+
+template <class Tuple, size_t... I>
+OSTREL_FORCE_INLINE inline uint32_t first_failure(const Tuple &holders, std::index_sequence<I...>) noexcept {
     uint32_t rc = 0;
-    ((rc = rc ? rc : h.check()), ...);
+    ((rc = rc ? rc : std::get<I>(holders).check()), ...);
     return rc;
 }
 
-// Runs call(descriptor, C arguments...) over a tuple of holders.
-template <class Tuple, class Call>
-uint32_t call_with(Tuple &holders, const char *descriptor, Call &&call) {
-    return std::apply(
-        [&](auto &...h) {
-            return std::apply([&](auto... a) { return call(descriptor, a...); }, std::tuple_cat(h.cargs()...));
-        },
-        holders);
+template <class Call, class Args, size_t... J>
+OSTREL_FORCE_INLINE inline uint32_t call_args(Call &call, const char *descriptor, Args &args, std::index_sequence<J...>) {
+    return call(descriptor, std::get<J>(args)...);
+}
+
+// Runs call(descriptor, C arguments...) over the holders.
+template <class Tuple, class Call, size_t... I>
+OSTREL_FORCE_INLINE inline uint32_t call_with(Tuple &holders, const char *descriptor, Call call, std::index_sequence<I...>) {
+    auto args = std::tuple_cat(std::get<I>(holders).cargs()...);
+    return call_args(call, descriptor, args, std::make_index_sequence<std::tuple_size_v<decltype(args)>>());
+}
+
+template <class Tuple, size_t... I>
+OSTREL_FORCE_INLINE inline void post_all(Tuple &holders, std::index_sequence<I...>) {
+    (std::get<I>(holders).post(), ...);
 }
 
 // Builds the descriptor from the holders' types (and indexes) and calls.
-template <class Tuple, class Call, class... H>
-uint32_t typed_call(Tuple &holders, Call &&call, type_identity<std::tuple<H...>>) {
+template <class Call, class... H>
+OSTREL_FORCE_INLINE inline uint32_t typed_call(std::tuple<H...> &holders, Call call) {
     constexpr size_t with_index = (0 + ... + (indexed<H>::value ? 1 : 0));
     static_assert(with_index == 0 || with_index == sizeof...(H),
                   "ostrel: in one call either every item carries an index (ostrel::at) or none does");
-    const uint32_t rc = std::apply([](const auto &...h) { return first_failure(h...); }, holders);
+    const uint32_t rc = first_failure(holders, holder_index<H...>());
     if (rc != 0) return rc;
     if constexpr (with_index == 0 || sizeof...(H) == 0) {
-        return call_with(holders, fixed_descriptor<H...>::value.data(), call);
+        return call_with(holders, fixed_descriptor<H...>::value.data(), call, holder_index<H...>());
     } else {
         char descriptor[8 * sizeof...(H) + 1];
-        if (!std::apply([&](const auto &...h) { return indexed_descriptor(descriptor, h...); }, holders))
-            return OSL_ERR_INVALID_FORMAT;
-        return call_with(holders, descriptor, call);
+        if (!indexed_descriptor(descriptor, holders, holder_index<H...>())) return OSL_ERR_INVALID_FORMAT;
+        return call_with(holders, descriptor, call, holder_index<H...>());
     }
 }
 
@@ -1300,22 +1320,19 @@ struct serialize_fn {
     Ostrel_Serializer *h;
     int mode;
     template <class... A>
-    uint32_t operator()(const char *descriptor, A... a) const noexcept {
+    OSTREL_FORCE_INLINE uint32_t operator()(const char *descriptor, A... a) const noexcept {
         return Ostrel_Serializer_Serialize(h, mode, descriptor, a...);
     }
 };
 struct deserialize_fn {
     Ostrel_Serializer *h;
     template <class... A>
-    uint32_t operator()(const char *descriptor, A... a) const noexcept {
+    OSTREL_FORCE_INLINE uint32_t operator()(const char *descriptor, A... a) const noexcept {
         return Ostrel_Serializer_Deserialize(h, descriptor, a...);
     }
 };
 
-template <class Tuple>
-void post_all(Tuple &holders) {
-    std::apply([](auto &...h) { (h.post(), ...); }, holders);
-}
+
 } // namespace detail
 
 /**
@@ -1370,12 +1387,12 @@ public:
 
     /** Appends the values as items. */
     template <class... V>
-    std::error_code write(const V &...values) noexcept {
+    OSTREL_FORCE_INLINE std::error_code write(const V &...values) noexcept {
         return put(OSL_SLZ_MODE_APPEND, values...);
     }
     /** Empties the packet, then writes the values as its items. */
     template <class... V>
-    std::error_code rewrite(const V &...values) noexcept {
+    OSTREL_FORCE_INLINE std::error_code rewrite(const V &...values) noexcept {
         return put(OSL_SLZ_MODE_RESET, values...);
     }
     /** Empties the packet (keeping the buffer). */
@@ -1389,9 +1406,10 @@ public:
         static_assert((!detail::indexed<detail::wr<V>>::value && ...), "ostrel: writef takes indexes from the descriptor");
         if (!descriptor.fits) return make_error_code(errc::invalid_format);
         std::tuple<detail::wr<V>...> holders{detail::wr<V>{values}...};
-        const uint32_t rc = std::apply([](const auto &...h) { return detail::first_failure(h...); }, holders);
+        const uint32_t rc = detail::first_failure(holders, detail::holder_index<V...>());
         if (rc != 0) return detail::ec(rc);
-        return detail::ec(detail::call_with(holders, descriptor.str, detail::serialize_fn{h_.get(), OSL_SLZ_MODE_APPEND}));
+        return detail::ec(detail::call_with(holders, descriptor.str, detail::serialize_fn{h_.get(), OSL_SLZ_MODE_APPEND},
+                                            detail::holder_index<V...>()));
     }
     /** The finished packet: a view into the handle's buffer, valid until the next write. */
     result<byte_view> buffer() const noexcept {
@@ -1406,9 +1424,9 @@ public:
 
 private:
     template <class... V>
-    std::error_code put(int mode, const V &...values) noexcept {
+    OSTREL_FORCE_INLINE std::error_code put(int mode, const V &...values) noexcept {
         std::tuple<detail::wr<V>...> holders{detail::wr<V>{values}...};
-        return detail::ec(detail::typed_call(holders, detail::serialize_fn{h_.get(), mode}, detail::type_identity<decltype(holders)>()));
+        return detail::ec(detail::typed_call(holders, detail::serialize_fn{h_.get(), mode}));
     }
     detail::unique_handle<Ostrel_Serializer *, Ostrel_Serializer_Destroy> h_;
 };
@@ -1449,11 +1467,10 @@ public:
     }
     /** Reads items into the destinations (lvalues, or ostrel::at() of lvalues). */
     template <class... D>
-    std::error_code read(D &&...destinations) noexcept {
+    OSTREL_FORCE_INLINE std::error_code read(D &&...destinations) noexcept {
         std::tuple<detail::rd<detail::clean_t<D>>...> holders{detail::rd<detail::clean_t<D>>{destinations}...};
-        const uint32_t rc =
-            detail::typed_call(holders, detail::deserialize_fn{h_.get()}, detail::type_identity<decltype(holders)>());
-        detail::post_all(holders);
+        const uint32_t rc = detail::typed_call(holders, detail::deserialize_fn{h_.get()});
+        detail::post_all(holders, detail::holder_index<D...>());
         return detail::ec(rc);
     }
     /**
@@ -1466,8 +1483,9 @@ public:
                       "ostrel: readf takes indexes from the descriptor");
         if (!descriptor.fits) return make_error_code(errc::invalid_format);
         std::tuple<detail::rd<detail::clean_t<D>>...> holders{detail::rd<detail::clean_t<D>>{destinations}...};
-        const uint32_t rc = detail::call_with(holders, descriptor.str, detail::deserialize_fn{h_.get()});
-        detail::post_all(holders);
+        const uint32_t rc =
+            detail::call_with(holders, descriptor.str, detail::deserialize_fn{h_.get()}, detail::holder_index<D...>());
+        detail::post_all(holders, detail::holder_index<D...>());
         return detail::ec(rc);
     }
     Ostrel_Serializer *get() const noexcept { return h_.get(); }
