@@ -30,6 +30,12 @@
  *
  * Threading is the C library's: a handle is used by one thread at a time,
  * except where a type says otherwise (listener::stop()).
+ *
+ * Where the layer itself allocates (a std::string_view written, an array of
+ * writers, a std::string or std::vector destination, a callable handed to a
+ * thread or a listen), it does so as the standard library does; a failed
+ * std::vector or std::string allocation inside a noexcept call ends the
+ * process.
  */
 #ifndef OSTREL_HPP
 #define OSTREL_HPP
@@ -203,9 +209,13 @@ public:
     const T &value() const & noexcept { return *value_; }
     /** The value, moved out; the result must hold one. */
     T &&value() && noexcept { return std::move(*value_); }
+    /** The value; the result must hold one. */
     T &operator*() & noexcept { return *value_; }
+    /** The value; the result must hold one. */
     const T &operator*() const & noexcept { return *value_; }
+    /** Member access to the value; the result must hold one. */
     T *operator->() noexcept { return &*value_; }
+    /** Member access to the value; the result must hold one. */
     const T *operator->() const noexcept { return &*value_; }
 
     /** The value, or fallback when an error is held. */
@@ -300,8 +310,11 @@ inline int32_t ms_i32(std::chrono::milliseconds t) noexcept {
  */
 class byte_view {
 public:
+    /** An empty view. */
     constexpr byte_view() noexcept = default;
+    /** A view of size bytes at data. */
     constexpr byte_view(const void *data, size_t size) noexcept : data_(data), size_(size) {}
+    /** The characters of a string view. */
     constexpr byte_view(std::string_view s) noexcept : data_(s.data()), size_(s.size()) {}
     /** The characters of a NUL-terminated string, without the NUL (empty for null). */
     byte_view(const char *s) noexcept : data_(s), size_(s ? std::strlen(s) : 0) {}
@@ -315,8 +328,11 @@ public:
     /** The bytes of a NUL-terminated string, NUL included (empty for null). */
     static byte_view with_nul(const char *s) noexcept { return s ? byte_view(s, std::strlen(s) + 1) : byte_view(); }
 
+    /** The first byte. */
     constexpr const void *data() const noexcept { return data_; }
+    /** The number of bytes or elements. */
     constexpr size_t size() const noexcept { return size_; }
+    /** True when the view is empty. */
     constexpr bool empty() const noexcept { return size_ == 0; }
     /** The bytes as unsigned char. */
     const unsigned char *bytes() const noexcept { return static_cast<const unsigned char *>(data_); }
@@ -336,21 +352,33 @@ private:
 template <class T>
 class span {
 public:
+    /** The element type, as given. */
     using element_type = T;
+    /** The element type without const. */
     using value_type = std::remove_cv_t<T>;
+    /** An empty span. */
     constexpr span() noexcept = default;
+    /** size elements from data. */
     constexpr span(T *data, size_t size) noexcept : data_(data), size_(size) {}
     template <size_t N>
+    /** The elements of a C array. */
     constexpr span(T (&a)[N]) noexcept : data_(a), size_(N) {}
+    /** The elements of a container with data() and size(). */
     template <class C, class = std::enable_if_t<!std::is_same_v<std::decay_t<C>, span> &&
                                                 std::is_convertible_v<decltype(std::declval<C &>().data()), T *>>>
     constexpr span(C &&c) noexcept : data_(c.data()), size_(c.size()) {}
 
+    /** The first element. */
     constexpr T *data() const noexcept { return data_; }
+    /** The number of bytes or elements. */
     constexpr size_t size() const noexcept { return size_; }
+    /** True when the view is empty. */
     constexpr bool empty() const noexcept { return size_ == 0; }
+    /** Iteration from the first element. */
     constexpr T *begin() const noexcept { return data_; }
+    /** Iteration end. */
     constexpr T *end() const noexcept { return data_ + size_; }
+    /** Element i (unchecked). */
     constexpr T &operator[](size_t i) const noexcept { return data_[i]; }
 
 private:
@@ -361,8 +389,11 @@ private:
 /** A NUL-terminated string argument: a const char * or a std::string. */
 class zstring {
 public:
+    /** A C string (kept as the pointer). */
     zstring(const char *s) noexcept : s_(s) {}
+    /** A std::string (its c_str(); the string must outlive the call). */
     zstring(const std::string &s) noexcept : s_(s.c_str()) {}
+    /** The NUL-terminated text. */
     const char *c_str() const noexcept { return s_; }
 
 private:
@@ -371,6 +402,7 @@ private:
 
 /** Deleter for memory from the debug allocator (Ostrel_Free). */
 struct mem_free {
+    /** Releases p with Ostrel_Free. */
     void operator()(const void *p) const noexcept { Ostrel_Free(const_cast<void *>(p)); }
 };
 
@@ -419,6 +451,7 @@ private:
 template <class H, uint32_t (*Release)(H)>
 class unique_handle {
 public:
+    /** An empty owner, holding no handle. */
     unique_handle() noexcept = default;
     explicit unique_handle(H h) noexcept : h_(h) {}
     unique_handle(unique_handle &&o) noexcept : h_(std::exchange(o.h_, H())) {}
@@ -465,11 +498,15 @@ struct list_entry {
  */
 class list_iterator {
 public:
+    /** What the walk yields. */
     using entry_type = list_entry;
+    /** An empty owner, holding no handle. */
     list_iterator() noexcept = default;
     /** Adopts an iterator handle. */
     explicit list_iterator(OstrelIterHandle h) noexcept : h_(h) {}
+    /** Takes the walk over; the source is left empty. */
     list_iterator(list_iterator &&) noexcept = default;
+    /** Closes this walk and takes the other over. */
     list_iterator &operator=(list_iterator &&) noexcept = default;
 
     /** Starts the walk (first step) and gives its position. */
@@ -477,6 +514,7 @@ public:
         if (!started_) step();
         return detail::walk_position<list_iterator>(this);
     }
+    /** The end of the walk. */
     detail::walk_end end() const noexcept { return {}; }
 
     /** One step: the next entry, an empty optional at the end, or the code. */
@@ -487,7 +525,9 @@ public:
     }
     /** The code of the step that failed, if any. */
     std::error_code error() const noexcept { return error_; }
+    /** The raw handle, for C calls (null when empty). */
     OstrelIterHandle get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     OstrelIterHandle release() noexcept { return h_.release(); }
 
 private:
@@ -520,6 +560,7 @@ private:
  */
 class list {
 public:
+    /** An empty owner, holding no handle. */
     list() noexcept = default;
     /** Adopts a list handle. */
     explicit list(OstrelListHandle h) noexcept : h_(h) {}
@@ -561,8 +602,11 @@ public:
         }
         return it;
     }
+    /** The raw handle, for C calls (null when empty). */
     OstrelListHandle get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     OstrelListHandle release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
     explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
@@ -583,11 +627,16 @@ enum class order : uint32_t {
 /** Key kind of a table of NUL-terminated string keys (string_table). */
 struct string_key {
     using arg_type = zstring;           /**< how a key is passed */
-    using view_type = std::string_view; /**< how a walk yields it */
+    using view_type = std::string_view; /**< how a walk yields it (strlen of the key) */
+    /** Adds a node (the C add of this key kind). */
     static uint32_t add(void *t, arg_type k, const void *v, uint32_t n) { return Ostrel_Table_String_AddNode(t, k.c_str(), v, n); }
+    /** Looks a key up (the C get of this key kind). */
     static uint32_t get(void *t, arg_type k, void **v, uint32_t *n) { return Ostrel_Table_String_GetNode(t, k.c_str(), v, n); }
+    /** Replaces a value (the C update of this key kind). */
     static uint32_t update(void *t, arg_type k, const void *v, uint32_t n) { return Ostrel_Table_String_UpdateNode(t, k.c_str(), v, n); }
+    /** Deletes a key (the C delete of this key kind). */
     static uint32_t del(void *t, arg_type k) { return Ostrel_Table_String_DelNode(t, k.c_str()); }
+    /** One iteration step; end is set when the walk is over. */
     static uint32_t step(void *it, view_type &k, void **v, uint32_t *n, bool &end) {
         const char *key = nullptr;
         const uint32_t rc = Ostrel_Table_String_Iterate(it, &key, v, n);
@@ -599,12 +648,17 @@ struct string_key {
 
 /** Key kind of a table of pointer-value keys (pointer_table); null is a key. */
 struct pointer_key {
-    using arg_type = const void *;
-    using view_type = const void *;
+    using arg_type = const void *;  /**< how a key is passed */
+    using view_type = const void *; /**< how a walk yields it */
+    /** Adds a node (the C add of this key kind). */
     static uint32_t add(void *t, arg_type k, const void *v, uint32_t n) { return Ostrel_Table_Pointer_AddNode(t, k, v, n); }
+    /** Looks a key up (the C get of this key kind). */
     static uint32_t get(void *t, arg_type k, void **v, uint32_t *n) { return Ostrel_Table_Pointer_GetNode(t, k, v, n); }
+    /** Replaces a value (the C update of this key kind). */
     static uint32_t update(void *t, arg_type k, const void *v, uint32_t n) { return Ostrel_Table_Pointer_UpdateNode(t, k, v, n); }
+    /** Deletes a key (the C delete of this key kind). */
     static uint32_t del(void *t, arg_type k) { return Ostrel_Table_Pointer_DelNode(t, k); }
+    /** One iteration step; end is set when the walk is over. */
     static uint32_t step(void *it, view_type &k, void **v, uint32_t *n, bool &end) {
         // A null key is a key here: the end is a step that wrote no value.
         static char unwritten;
@@ -617,14 +671,19 @@ struct pointer_key {
 
 /** Key kind of a table of byte-array keys (bytes_table). */
 struct bytes_key {
-    using arg_type = byte_view;
-    using view_type = byte_view;
+    using arg_type = byte_view;  /**< how a key is passed */
+    using view_type = byte_view; /**< how a walk yields it (with its length) */
+    /** Adds a node (the C add of this key kind). */
     static uint32_t add(void *t, arg_type k, const void *v, uint32_t n) { return Ostrel_Table_ByteArray_AddNode(t, k.data(), len(k), v, n); }
+    /** Looks a key up (the C get of this key kind). */
     static uint32_t get(void *t, arg_type k, void **v, uint32_t *n) { return Ostrel_Table_ByteArray_GetNode(t, k.data(), len(k), v, n); }
+    /** Replaces a value (the C update of this key kind). */
     static uint32_t update(void *t, arg_type k, const void *v, uint32_t n) {
         return Ostrel_Table_ByteArray_UpdateNode(t, k.data(), len(k), v, n);
     }
+    /** Deletes a key (the C delete of this key kind). */
     static uint32_t del(void *t, arg_type k) { return Ostrel_Table_ByteArray_DelNode(t, k.data(), len(k)); }
+    /** One iteration step; end is set when the walk is over. */
     static uint32_t step(void *it, view_type &k, void **v, uint32_t *n, bool &end) {
         const void *key = nullptr;
         uint32_t klen = 0;
@@ -633,11 +692,12 @@ struct bytes_key {
         k = byte_view(key, klen);
         return rc;
     }
+    /** A key length as the C calls take it (sizes beyond 32 bits saturate). */
     static uint32_t len(arg_type k) { return k.size() > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(k.size()); }
 };
 
 template <class K>
-class table_iterator;
+class table_iterator; // below
 
 /**
  * One node met by a table walk: its key and value views, and the deferred
@@ -667,14 +727,18 @@ struct table_entry {
 template <class K>
 class table_iterator {
 public:
+    /** What the walk yields. */
     using entry_type = table_entry<K>;
+    /** An empty owner, holding no handle. */
     table_iterator() noexcept = default;
     /** Adopts an iterator handle of a table of key kind K. */
     explicit table_iterator(OstrelTableIterHandle h) noexcept : h_(h) {}
+    /** Takes the walk over; the source is left empty. */
     table_iterator(table_iterator &&o) noexcept
         : h_(std::move(o.h_)), current_(o.current_), error_(o.error_), started_(o.started_), done_(o.done_) {
         current_.walk = this;
     }
+    /** Closes this walk and takes the other over. */
     table_iterator &operator=(table_iterator &&o) noexcept {
         h_ = std::move(o.h_);
         current_ = o.current_;
@@ -690,6 +754,7 @@ public:
         if (!started_) step();
         return detail::walk_position<table_iterator>(this);
     }
+    /** The end of the walk. */
     detail::walk_end end() const noexcept { return {}; }
 
     /** One step: the next entry, an empty optional at the end, or the code. */
@@ -712,7 +777,9 @@ public:
     }
     /** The code of the step that failed, if any. */
     std::error_code error() const noexcept { return error_; }
+    /** The raw handle, for C calls (null when empty). */
     OstrelTableIterHandle get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     OstrelTableIterHandle release() noexcept { return h_.release(); }
 
 private:
@@ -749,7 +816,9 @@ private:
 template <class K>
 class table {
 public:
+    /** How a key is passed. */
     using key_arg = typename K::arg_type;
+    /** An empty owner, holding no handle. */
     table() noexcept = default;
     /** Adopts a table handle. */
     explicit table(OstrelTableHandle h) noexcept : h_(h) {}
@@ -806,8 +875,11 @@ public:
         }
         return it;
     }
+    /** The raw handle, for C calls (null when empty). */
     OstrelTableHandle get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     OstrelTableHandle release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
     explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
@@ -822,8 +894,8 @@ using bytes_table = table<bytes_key>;     /**< a table of byte-array keys */
 // Serializer: how C++ types become items and descriptors
 // ============================================================================
 
-class writer;
-class reader;
+class writer; // below
+class reader; // below
 
 /**
  * An item with its index, for packets in unordered mode: at(3, value) writes
@@ -1105,15 +1177,15 @@ struct rd_varray {
 };
 template <class E>
 struct rd<span<const E>, std::enable_if_t<is_scalar_elem_v<E>>> : rd_varray<span<const E>, E, '@'> {
-    rd(span<const E> &d) noexcept : rd_varray<span<const E>, E, '@'>{d} {}
+    rd(span<const E> &dest) noexcept : rd_varray<span<const E>, E, '@'>{dest} {}
 };
 template <class E>
 struct rd<std::vector<E>, std::enable_if_t<is_scalar_elem_v<E>>> : rd_varray<std::vector<E>, E, 'N'> {
-    rd(std::vector<E> &d) noexcept : rd_varray<std::vector<E>, E, 'N'>{d} {}
+    rd(std::vector<E> &dest) noexcept : rd_varray<std::vector<E>, E, 'N'>{dest} {}
 };
 template <class E>
 struct rd<malloc_array<E>, std::enable_if_t<is_scalar_elem_v<E>>> : rd_varray<malloc_array<E>, E, 'N'> {
-    rd(malloc_array<E> &d) noexcept : rd_varray<malloc_array<E>, E, 'N'>{d} {}
+    rd(malloc_array<E> &dest) noexcept : rd_varray<malloc_array<E>, E, 'N'>{dest} {}
 };
 // A nested packet opens (or reuses) the reader's handle ('@b'); an array of
 // them fills a vector of readers whose size is the room ('@ab') and is cut
@@ -1372,6 +1444,7 @@ struct layout {
  */
 class writer {
 public:
+    /** An empty owner, holding no handle. */
     writer() noexcept = default;
     /** Adopts a writing handle. */
     explicit writer(Ostrel_Serializer *h) noexcept : h_(h) {}
@@ -1418,8 +1491,11 @@ public:
         const uint32_t rc = Ostrel_Serializer_GetBuffer(h_.get(), &p, &n);
         return detail::make_result(rc, byte_view(p, n > 0 ? static_cast<size_t>(n) : 0));
     }
+    /** The raw handle, for C calls (null when empty). */
     Ostrel_Serializer *get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     Ostrel_Serializer *release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
     explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
@@ -1449,6 +1525,7 @@ private:
  */
 class reader {
 public:
+    /** An empty owner, holding no handle. */
     reader() noexcept = default;
     /** Adopts a reading handle. */
     explicit reader(Ostrel_Serializer *h) noexcept : h_(h) {}
@@ -1488,8 +1565,11 @@ public:
         detail::post_all(holders, detail::holder_index<D...>());
         return detail::ec(rc);
     }
+    /** The raw handle, for C calls (null when empty). */
     Ostrel_Serializer *get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     Ostrel_Serializer *release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
     explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
@@ -1529,6 +1609,7 @@ inline std::error_code set_big_endian(bool big) noexcept { return detail::ec(net
  */
 class connection {
 public:
+    /** An empty owner, holding no handle. */
     connection() noexcept = default;
     /** Adopts a connection handle. */
     explicit connection(NetbaseCtx *h) noexcept : h_(h) {}
@@ -1570,8 +1651,11 @@ public:
         std::memcpy(&fd, record, sizeof fd);
         return detail::make_result(rc, std::move(fd));
     }
+    /** The raw handle, for C calls (null when empty). */
     NetbaseCtx *get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     NetbaseCtx *release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
     explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
@@ -1674,8 +1758,11 @@ struct listen_state {
  */
 class listener {
 public:
+    /** An empty owner, holding no handle. */
     listener() noexcept = default;
+    /** Takes the listen over (also while it is served); the source is left empty. */
     listener(listener &&) noexcept = default;
+    /** Stops and releases this listen, then takes the other over. */
     listener &operator=(listener &&o) noexcept {
         if (this != &o) {
             shut();
@@ -1683,6 +1770,7 @@ public:
         }
         return *this;
     }
+    /** Stops serving, waits until it has ended and releases the listen. */
     ~listener() { shut(); }
 
     /** Makes a listen on addr:port (port 0: the system chooses; port() tells). */
@@ -1806,6 +1894,7 @@ public:
         bool to_close = false; /**< the group asked the thread to close */
         int ready = 0;         /**< ready descriptors (select) */
     };
+    /** The node a thread function received. */
     explicit thread_node(OstrelThreadNodeHandle h) noexcept : h_(h) {}
     /** Adds a descriptor to wait on (at most 64). */
     void add(int fd) noexcept { Ostrel_ThreadGroup_SetAdd(h_, fd); }
@@ -1825,6 +1914,7 @@ public:
         const uint32_t rc = Ostrel_ThreadGroup_Sleep(h_, detail::ms_i32(timeout), &to_close);
         return detail::make_result(rc, to_close != 0);
     }
+    /** The raw node, for C calls. */
     OstrelThreadNodeHandle get() const noexcept { return h_; }
 
 private:
@@ -1852,6 +1942,7 @@ uint32_t thread_entry(void *param, OstrelThreadNodeHandle node) noexcept {
  */
 class thread_group {
 public:
+    /** An empty owner, holding no handle. */
     thread_group() noexcept = default;
     /** Adopts a group handle. */
     explicit thread_group(OstrelThreadGroupHandle h) noexcept : h_(h) {}
@@ -1876,8 +1967,11 @@ public:
     std::error_code cancel_all() noexcept { return detail::ec(Ostrel_ThreadGroup_CancelAll(h_.get())); }
     /** Asks every thread to close, waits for all and frees the group now. */
     std::error_code close() noexcept { return detail::ec(h_.reset()); }
+    /** The raw handle, for C calls (null when empty). */
     OstrelThreadGroupHandle get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
     OstrelThreadGroupHandle release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
     explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:

@@ -170,7 +170,7 @@ TEST(CppSerializer, ReadsBackByCopyReferenceAndNewMemory) {
     ostrel::malloc_array<uint16_t> none;
     ostrel::malloc_array<int32_t> fresh_arr;
     std::vector<uint8_t> vec;
-    std::vector<int16_t> nulls{{5}};
+    std::vector<int16_t> nulls(1, 5);
     ASSERT_FALSE(r.read(at(4, fresh), at(10, none), at(6, fresh_arr), at(7, vec), at(10, nulls)));
     EXPECT_STREQ(fresh.get(), "text");
     EXPECT_EQ(std::make_pair(none.data.get(), none.size), std::make_pair(static_cast<uint16_t *>(nullptr), 0u));
