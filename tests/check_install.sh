@@ -21,7 +21,7 @@ c++ -std=c++17 -Wall -Wextra -Werror -o "$tmp/consumer_cpp_pc" "$consumer/consum
   $(pkg-config --cflags --libs ostrel) -Wl,-rpath,"$libdir"
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" ./consumer_cpp_pc)
 
-cmake -S "$consumer" -B "$tmp/cm" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
+cmake -S "$consumer" -B "$tmp/cm" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/cm" >/dev/null
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer")
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer_cpp")
