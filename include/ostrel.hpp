@@ -926,7 +926,7 @@ namespace detail {
 // What one item's descriptor holds. kind: writing 'w' ('%', '@' or '#' all
 // mean the same) or '#' (a null array, which needs '#'); reading '%' copy,
 // '@' reference, 'N' new memory ("@N").
-struct spec {
+struct shape {
     char letter;
     bool array;
     char kind;
@@ -968,7 +968,7 @@ struct contiguous<C, std::void_t<decltype(std::declval<C &>().data()), decltype(
 template <class C>
 constexpr bool is_string_class_v = std::is_same_v<C, std::string> || std::is_same_v<C, std::string_view>;
 
-// --- writing: one holder per argument, giving its spec and its C arguments -
+// --- writing: one holder per argument, giving its shape and its C arguments -
 
 template <class T, class = void>
 struct wr {
@@ -978,7 +978,7 @@ struct wr {
 };
 template <class T>
 struct wr<T, std::enable_if_t<is_int_v<T>>> {
-    static constexpr spec s{int_letter<T>(), false, 'w'};
+    static constexpr shape s{int_letter<T>(), false, 'w'};
     const T &v;
     uint32_t check() const noexcept { return 0; }
     auto cargs() const noexcept {
@@ -990,21 +990,21 @@ struct wr<T, std::enable_if_t<is_int_v<T>>> {
 };
 template <class T>
 struct wr<T, std::enable_if_t<is_ptr_value_v<T>>> {
-    static constexpr spec s{'p', false, 'w'};
+    static constexpr shape s{'p', false, 'w'};
     const T &v;
     uint32_t check() const noexcept { return 0; }
     std::tuple<const void *> cargs() const noexcept { return {static_cast<const void *>(v)}; }
 };
 template <class T>
 struct wr<T, std::enable_if_t<std::is_pointer_v<T> && is_char_v<std::remove_pointer_t<T>>>> {
-    static constexpr spec s{'s', false, 'w'};
+    static constexpr shape s{'s', false, 'w'};
     const T &v; // NULL writes a NULL string
     uint32_t check() const noexcept { return 0; }
     std::tuple<const char *> cargs() const noexcept { return {v}; }
 };
 template <size_t N>
 struct wr<char[N]> {
-    static constexpr spec s{'s', false, 'w'};
+    static constexpr shape s{'s', false, 'w'};
     const char (&v)[N];
     uint32_t check() const noexcept { return 0; }
     std::tuple<const char *> cargs() const noexcept { return {v}; }
@@ -1014,7 +1014,7 @@ struct wr<char[N]> {
 // default (null) one writes a NULL string.
 template <class T>
 struct wr<T, std::enable_if_t<is_string_class_v<T>>> {
-    static constexpr spec s{'s', false, 'w'};
+    static constexpr shape s{'s', false, 'w'};
     const T &v;
     std::string copy{};
     uint32_t check() const noexcept {
@@ -1032,7 +1032,7 @@ struct wr<T, std::enable_if_t<is_string_class_v<T>>> {
 };
 template <>
 struct wr<writer> {
-    static constexpr spec s{'b', false, 'w'};
+    static constexpr shape s{'b', false, 'w'};
     const writer &v;
     uint32_t check() const noexcept { return 0; }
     inline std::tuple<Ostrel_Serializer *> cargs() const noexcept;
@@ -1040,7 +1040,7 @@ struct wr<writer> {
 // Arrays: C arrays (char arrays are strings) and contiguous containers.
 template <class E>
 struct wr_array {
-    static constexpr spec s{elem_letter<E>(), true, 'w'};
+    static constexpr shape s{elem_letter<E>(), true, 'w'};
     const E *p;
     size_t n;
     uint32_t check() const noexcept { return n > INT_MAX ? OSL_ERR_INVALID_PARAMETER : 0u; }
@@ -1057,7 +1057,7 @@ struct wr<C, std::enable_if_t<!is_string_class_v<C> && contiguous<C>::value &&
 };
 template <class C>
 struct wr<C, std::enable_if_t<contiguous<C>::value && std::is_same_v<typename contiguous<C>::elem, writer>>> {
-    static constexpr spec s{'b', true, 'w'};
+    static constexpr shape s{'b', true, 'w'};
     std::vector<Ostrel_Serializer *> handles;
     wr(const C &c) {
         handles.reserve(c.size());
@@ -1069,7 +1069,7 @@ struct wr<C, std::enable_if_t<contiguous<C>::value && std::is_same_v<typename co
 template <class E>
 struct wr<null_array<E>> {
     static_assert(is_scalar_elem_v<E>, "ostrel: a null array of integers or pointers");
-    static constexpr spec s{elem_letter<E>(), true, '#'};
+    static constexpr shape s{elem_letter<E>(), true, '#'};
     const null_array<E> &v;
     uint32_t check() const noexcept { return v.count > INT_MAX ? OSL_ERR_INVALID_PARAMETER : 0u; }
     std::tuple<const void *, int> cargs() const noexcept { return {nullptr, static_cast<int>(v.count)}; }
@@ -1091,7 +1091,7 @@ struct rd {
 };
 template <class T>
 struct rd<T, std::enable_if_t<is_int_v<T> || is_ptr_value_v<T>>> {
-    static constexpr spec s{elem_letter<T>(), false, '%'};
+    static constexpr shape s{elem_letter<T>(), false, '%'};
     T &d;
     uint32_t check() const noexcept { return 0; }
     std::tuple<void *> cargs() noexcept { return {static_cast<void *>(&d)}; }
@@ -1099,7 +1099,7 @@ struct rd<T, std::enable_if_t<is_int_v<T> || is_ptr_value_v<T>>> {
 };
 template <size_t N>
 struct rd<char[N]> {
-    static constexpr spec s{'s', false, '%'};
+    static constexpr shape s{'s', false, '%'};
     char (&d)[N];
     int size = static_cast<int>(N > INT_MAX ? INT_MAX : N);
     uint32_t check() const noexcept { return 0; }
@@ -1111,7 +1111,7 @@ struct rd<char[N]> {
 // string gives a null view), malloc_string takes new memory ('@Ns').
 template <class T>
 struct rd<T, std::enable_if_t<is_string_class_v<T> || std::is_same_v<T, malloc_string>>> {
-    static constexpr spec s{'s', false, std::is_same_v<T, malloc_string> ? 'N' : '@'};
+    static constexpr shape s{'s', false, std::is_same_v<T, malloc_string> ? 'N' : '@'};
     T &d;
     char *text = &unread_marker;
     uint32_t check() const noexcept { return 0; }
@@ -1134,7 +1134,7 @@ struct rd<T, std::enable_if_t<is_string_class_v<T> || std::is_same_v<T, malloc_s
 // left as they were.
 template <class E>
 struct rd_fixed {
-    static constexpr spec s{elem_letter<E>(), true, '%'};
+    static constexpr shape s{elem_letter<E>(), true, '%'};
     E *p;
     unsigned int cap;
     uint32_t check() const noexcept { return 0; }
@@ -1154,7 +1154,7 @@ struct rd<std::array<E, N>, std::enable_if_t<is_scalar_elem_v<E>>> : rd_fixed<E>
 // malloc_array<E>). Null arrays give empty ones.
 template <class T, class E, char Kind>
 struct rd_varray {
-    static constexpr spec s{elem_letter<E>(), true, Kind};
+    static constexpr shape s{elem_letter<E>(), true, Kind};
     T &d;
     void *elems = &unread_marker;
     unsigned int n = 0;
@@ -1192,7 +1192,7 @@ struct rd<malloc_array<E>, std::enable_if_t<is_scalar_elem_v<E>>> : rd_varray<ma
 // to the number read.
 template <>
 struct rd<reader> {
-    static constexpr spec s{'b', false, '@'};
+    static constexpr shape s{'b', false, '@'};
     reader &d;
     uint32_t check() const noexcept { return 0; }
     inline std::tuple<Ostrel_Serializer **> cargs() noexcept;
@@ -1200,7 +1200,7 @@ struct rd<reader> {
 };
 template <>
 struct rd<std::vector<reader>> {
-    static constexpr spec s{'b', true, '@'};
+    static constexpr shape s{'b', true, '@'};
     std::vector<reader> &d;
     std::vector<Ostrel_Serializer *> handles{};
     unsigned int n = 0;
@@ -1226,11 +1226,11 @@ struct indexed<rd<at_t<T>>> : std::true_type {};
 constexpr const char *kind_prefix(char kind) {
     return kind == '#' ? "#" : kind == '@' ? "@" : kind == 'N' ? "@N" : "%";
 }
-constexpr size_t put_item(char *out, size_t k, const spec &s) {
+constexpr size_t put_item(char *out, size_t k, const shape &s) {
     for (const char *p = kind_prefix(s.kind); *p; ++p) out[k++] = *p;
     return k;
 }
-constexpr size_t put_tail(char *out, size_t k, const spec &s) {
+constexpr size_t put_tail(char *out, size_t k, const shape &s) {
     if (s.array) out[k++] = 'a';
     out[k++] = s.letter;
     return k;
@@ -1241,9 +1241,9 @@ template <class... H>
 struct fixed_descriptor {
     static constexpr std::array<char, 4 * sizeof...(H) + 1> make() {
         std::array<char, 4 * sizeof...(H) + 1> out{};
-        const spec specs[] = {H::s..., spec{0, false, 0}};
+        const shape shapes[] = {H::s..., shape{0, false, 0}};
         size_t k = 0;
-        for (size_t i = 0; i < sizeof...(H); ++i) k = put_tail(out.data(), put_item(out.data(), k, specs[i]), specs[i]);
+        for (size_t i = 0; i < sizeof...(H); ++i) k = put_tail(out.data(), put_item(out.data(), k, shapes[i]), shapes[i]);
         out[k] = 0;
         return out;
     }
@@ -1282,7 +1282,7 @@ inline void descriptor_does_not_match_the_arguments() {}
 // prefix ('%', '@', '#' when writing; '%', '@' and an optional 'N' when
 // reading); an index 1..255 and '.' on every item or on none; 'a' for an
 // array; the letter.
-constexpr bool descriptor_fits(const char *s, const spec *expect, size_t n, bool reading) {
+constexpr bool descriptor_fits(const char *s, const shape *expect, size_t n, bool reading) {
     if (s == nullptr) return false;
     size_t i = 0;
     int indexed_items = -1;
@@ -1319,7 +1319,7 @@ constexpr bool descriptor_fits(const char *s, const spec *expect, size_t n, bool
         const char letter = *s;
         if (letter == 0) return false;
         ++s;
-        const spec &e = expect[i++];
+        const shape &e = expect[i++];
         if (letter != e.letter || array != e.array) return false;
         if (reading ? kind != e.kind : (e.kind == '#' && kind != '#')) return false;
     }
@@ -1327,16 +1327,16 @@ constexpr bool descriptor_fits(const char *s, const spec *expect, size_t n, bool
 
 template <bool Reading, class... H>
 struct basic_format {
-    static constexpr spec specs[] = {H::s..., spec{0, false, 0}};
+    static constexpr shape shapes[] = {H::s..., shape{0, false, 0}};
     const char *str;
     bool fits;
 #if OSTREL_CONSTEVAL_DESCRIPTORS
     template <class S, class = std::enable_if_t<std::is_convertible_v<const S &, const char *>>>
     consteval basic_format(const S &s) : str(s), fits(true) {
-        if (!descriptor_fits(str, specs, sizeof...(H), Reading)) descriptor_does_not_match_the_arguments();
+        if (!descriptor_fits(str, shapes, sizeof...(H), Reading)) descriptor_does_not_match_the_arguments();
     }
 #else
-    constexpr basic_format(const char *s) : str(s), fits(descriptor_fits(s, specs, sizeof...(H), Reading)) {}
+    constexpr basic_format(const char *s) : str(s), fits(descriptor_fits(s, shapes, sizeof...(H), Reading)) {}
 #endif
 };
 
