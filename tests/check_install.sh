@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs the build into a temporary prefix and builds a small C consumer
-# against it twice: through pkg-config and through find_package(Ostrel).
+# and a small C++ consumer against it twice: through pkg-config and through
+# find_package(Ostrel).
 set -eu
 build=$1
 consumer=$2
@@ -16,8 +17,12 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 cc -std=c99 -Wall -Wextra -Werror -o "$tmp/consumer_pc" "$consumer/consumer.c" \
   $(pkg-config --cflags --libs ostrel) -Wl,-rpath,"$libdir"
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" ./consumer_pc)
+c++ -std=c++17 -Wall -Wextra -Werror -o "$tmp/consumer_cpp_pc" "$consumer/consumer_cpp.cpp" \
+  $(pkg-config --cflags --libs ostrel) -Wl,-rpath,"$libdir"
+(cd "$tmp" && ZURN_LOG_DIR="$tmp" ./consumer_cpp_pc)
 
 cmake -S "$consumer" -B "$tmp/cm" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/cm" >/dev/null
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer")
+(cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer_cpp")
 echo "consumer built and ran through pkg-config and find_package"
