@@ -2,13 +2,21 @@
 # Installs the build into a temporary prefix and builds a small C consumer
 # and a small C++ consumer against it twice: through pkg-config and through
 # find_package(Ostrel).
+# With --prefix DIR the files are already there (e.g. unpacked packages).
+#   check_install.sh BUILD_DIR CONSUMER_DIR | check_install.sh --prefix DIR CONSUMER_DIR
 set -eu
-build=$1
-consumer=$2
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
-libdir=$(ls -d "$tmp"/prefix/lib*/pkgconfig | head -n1 | xargs dirname)
+if [ "$1" = --prefix ]; then
+  prefix=$2
+  consumer=$3
+else
+  prefix="$tmp/prefix"
+  consumer=$2
+  cmake --install "$1" --prefix "$prefix" >/dev/null
+fi
+libdir=$(dirname "$(find "$prefix" -name ostrel.pc -path '*/pkgconfig/*' | head -n1)")
+libdir=$(dirname "$libdir")
 test -L "$libdir/libOstrel.so"
 test -e "$libdir/libOstrel.so.1"
 test -e "$libdir/libZurn_general.so"
@@ -21,7 +29,7 @@ c++ -std=c++17 -Wall -Wextra -Werror -o "$tmp/consumer_cpp_pc" "$consumer/consum
   $(pkg-config --cflags --libs ostrel) -Wl,-rpath,"$libdir"
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" ./consumer_cpp_pc)
 
-cmake -S "$consumer" -B "$tmp/cm" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
+cmake -S "$consumer" -B "$tmp/cm" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$tmp/cm" >/dev/null
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer")
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer_cpp")
