@@ -1,11 +1,13 @@
 // ostrel-kvd: an in-memory key-value service built the way the library
 // intends a service to be built.
 //
-//   ostrel-kvd [--host ADDR] [--port PORT] [--pid-dir DIR] [--help]
+//   ostrel-kvd [--host ADDR] [--port PORT] [--pid-dir DIR] [--log-dir DIR] [--help]
 //
 // Defaults: 127.0.0.1, port 27800, pid file in the current directory
-// ("<dir>/qmv_ns_ostrel-kvd.pid"). Port 0 lets the system choose; the port in
-// use is printed on standard output as "ostrel-kvd: listening on ADDR:PORT".
+// ("<dir>/qmv_ns_ostrel-kvd.pid"), no log files. Port 0 lets the system
+// choose; the port in use is printed on standard output as
+// "ostrel-kvd: listening on ADDR:PORT". The soft limit on open descriptors is
+// raised to the hard limit, since every connection holds a few.
 //
 // main() hands over to the non-service wrapper, which locks the pid file and
 // calls start(). start() makes the listen and serves it on a netbase worker
@@ -16,9 +18,11 @@
 // cancelled and destroyed (every connection closed), and the process exits 0.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +32,7 @@
 #include <vector>
 
 #include "kv_protocol.h"
+#include "tool_log.h"
 #include "ostrel_service.h"
 #include "ostrel_table.h"
 #include "ostrel_threadgroup.h"
@@ -45,6 +50,9 @@ struct Service {
     NetbaseCtx *listen = nullptr;
     uint64_t log = 0;
     std::atomic<bool> stopping{false};
+    std::mutex why_mu;
+    std::string why_not_started; // the first error logged while starting
+    bool started = false;
 };
 
 Service g_service;
@@ -62,6 +70,20 @@ void open_log() {
     s.iShowThreadId = 1;
     s.iShowMilliseconds = 1;
     ZurnGeneral_IsNeedLogFile(&s, &g_service.log, 1);
+}
+
+// Keeps the first error line logged before the service is up: the reason
+// printed when it cannot start (e.g. "PID file ... is locked.").
+void keep_start_error(void *, const char *, int level, const char *, int, const char *text) {
+    std::lock_guard<std::mutex> lk(g_service.why_mu);
+    if (level >= LOG_LEVEL_ERROR && !g_service.started && g_service.why_not_started.empty())
+        g_service.why_not_started = text;
+}
+
+// The reason of the calling thread's last failed socket call, or "".
+std::string socket_reason() {
+    const char *why = NetWork_GetErrorText();
+    return strcmp(why, "Success") != 0 ? std::string(" (") + why + ")" : std::string();
 }
 
 // Builds and sends one reply: code and text first, then what the caller adds.
@@ -233,7 +255,7 @@ uint32_t connection_thread(void *param, OstrelThreadNodeHandle node) {
     uint32_t rc = netbase_server_handshake(conn, kv::kTimeoutMs);
     int fd = socket_of(conn);
     if (rc != 0 || fd < 0) {
-        KV_LOG(LOG_LEVEL_WARN, "Handshake failed: 0x%x %s", rc, Ostrel_GetErrorText(rc));
+        KV_LOG(LOG_LEVEL_WARN, "Handshake failed: 0x%x %s%s", rc, Ostrel_GetErrorText(rc), socket_reason().c_str());
         netbase_close(conn);
         return rc;
     }
@@ -249,7 +271,11 @@ uint32_t connection_thread(void *param, OstrelThreadNodeHandle node) {
         rc = netbase_receive_packet(conn, &pkt, &len, kv::kTimeoutMs);
         if (rc != 0) {
             // The peer went away or sent something that is not a netbase packet.
-            KV_LOG(LOG_LEVEL_INFO, "Connection on socket %d ends: 0x%x %s", fd, rc, Ostrel_GetErrorText(rc));
+            if (strcmp(NetWork_GetErrorText(), "recv: Connection closed by peer") == 0)
+                KV_LOG(LOG_LEVEL_INFO, "Connection on socket %d closed by the peer", fd);
+            else
+                KV_LOG(LOG_LEVEL_INFO, "Connection on socket %d ends: 0x%x %s%s", fd, rc, Ostrel_GetErrorText(rc),
+                       socket_reason().c_str());
             break;
         }
         rc = serve_request(conn, static_cast<unsigned char *>(pkt), len);
@@ -317,6 +343,10 @@ uint32_t start(void *) {
 
     rc = netbase_wait_connection(g_service.listen, on_connect, nullptr, 1);
     if (rc != 0) return rc;
+    {
+        std::lock_guard<std::mutex> lk(g_service.why_mu);
+        g_service.started = true;
+    }
     KV_LOG(LOG_LEVEL_INFO, "Serving on %s:%u", addr.c_str(), port);
     printf("ostrel-kvd: listening on %s:%u (pid %ld)\n", addr.c_str(), port, static_cast<long>(getpid()));
     fflush(stdout);
@@ -325,10 +355,11 @@ uint32_t start(void *) {
 
 int usage(FILE *out) {
     fprintf(out,
-            "usage: ostrel-kvd [--host ADDR] [--port PORT] [--pid-dir DIR] [--help]\n"
+            "usage: ostrel-kvd [--host ADDR] [--port PORT] [--pid-dir DIR] [--log-dir DIR] [--help]\n"
             "  --host ADDR    address to listen on (default 127.0.0.1)\n"
             "  --port PORT    port to listen on (default %d; 0: any free port)\n"
-            "  --pid-dir DIR  directory of the pid file qmv_ns_ostrel-kvd.pid (default .)\n",
+            "  --pid-dir DIR  directory of the pid file qmv_ns_ostrel-kvd.pid (default .)\n"
+            "  --log-dir DIR  write ostrel-kvd.log and ostrel.log in DIR (default: no log files)\n",
             kv::kDefaultPort);
     return out == stdout ? 0 : 2;
 }
@@ -336,6 +367,7 @@ int usage(FILE *out) {
 } // namespace
 
 int main(int argc, char **argv) {
+    const char *log_dir = nullptr;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") return usage(stdout);
@@ -349,6 +381,8 @@ int main(int argc, char **argv) {
             g_service.port = static_cast<int>(p);
         } else if (a == "--pid-dir") {
             g_service.pid_dir = argv[++i];
+        } else if (a == "--log-dir") {
+            log_dir = argv[++i];
         } else {
             return usage(stderr);
         }
@@ -356,6 +390,20 @@ int main(int argc, char **argv) {
     if (g_service.pid_dir.size() > 200) {
         fprintf(stderr, "ostrel-kvd: pid directory name too long\n");
         return 2;
+    }
+    if (access(g_service.pid_dir.c_str(), W_OK | X_OK) != 0) {
+        fprintf(stderr, "ostrel-kvd: cannot write the pid file in %s: %s\n", g_service.pid_dir.c_str(), strerror(errno));
+        return 2;
+    }
+    if (int st = tool_log::start("ostrel-kvd", log_dir, argv)) return st;
+    // Without a log directory only errors are kept, in memory, for the message below.
+    if (log_dir == nullptr) ZurnGeneral_SetLogLevel(LOG_LEVEL_ERROR);
+    ZurnGeneral_SetLogSink(keep_start_error, nullptr, log_dir != nullptr ? ZURN_LOG_SINK_AND_FILE : ZURN_LOG_SINK_ONLY);
+    // Each connection holds a socket and its thread's control descriptors.
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
     }
     // Every thread inherits this mask; only the stopping thread takes the signals.
     sigset_t signals;
@@ -368,6 +416,11 @@ int main(int argc, char **argv) {
 
     uint32_t rc = Ostrel_NonService_Wrapper_CustomPath_Ex("ostrel-kvd", g_service.pid_dir.c_str(), start, nullptr);
     // The wrapper returns only when the service could not start.
-    fprintf(stderr, "ostrel-kvd: cannot start: 0x%x %s\n", rc, Ostrel_GetErrorText(rc));
+    std::lock_guard<std::mutex> lk(g_service.why_mu);
+    if (g_service.why_not_started.empty())
+        fprintf(stderr, "ostrel-kvd: cannot start: 0x%x %s\n", rc, Ostrel_GetErrorText(rc));
+    else
+        fprintf(stderr, "ostrel-kvd: cannot start: %s (0x%x %s)\n", g_service.why_not_started.c_str(), rc,
+                Ostrel_GetErrorText(rc));
     return 1;
 }
