@@ -17,7 +17,7 @@ cc -std=c99 -Wall -Wextra -Werror -o "$tmp/consumer_pc" "$consumer/consumer.c" \
   $(pkg-config --cflags --libs ostrel) -Wl,-rpath,"$libdir"
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" ./consumer_pc)
 
-cmake -S "$consumer" -B "$tmp/cm" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
+cmake -S "$consumer" -B "$tmp/cm" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/cm" >/dev/null
 (cd "$tmp" && ZURN_LOG_DIR="$tmp" "$tmp/cm/consumer")
 echo "consumer built and ran through pkg-config and find_package"

@@ -1,11 +1,19 @@
-# End-to-end tests of the example service: they start the real programs.
+# End-to-end tests of the examples: they start the real programs from the
+# examples' build directory.
 if(TARGET ostrel-kvd)
-  set(OSTREL_TEST_DEFS_test_kv
-    OSTREL_KVD_PATH="$<TARGET_FILE:ostrel-kvd>"
-    OSTREL_KV_PATH="$<TARGET_FILE:ostrel-kv>"
-    OSTREL_PKTDUMP_PATH="$<TARGET_FILE:ostrel-pktdump>")
+  set(OSTREL_TEST_DEFS_test_kv OSTREL_EXAMPLES_DIR="$<TARGET_FILE_DIR:ostrel-kvd>")
 else()
-  set(OSTREL_TEST_DEFS_test_kv OSTREL_KVD_PATH="" OSTREL_KV_PATH="" OSTREL_PKTDUMP_PATH="")
+  set(OSTREL_TEST_DEFS_test_kv OSTREL_EXAMPLES_DIR="")
 endif()
 set(OSTREL_TEST_INCLUDES_test_kv ${PROJECT_SOURCE_DIR}/examples)
 set(OSTREL_TEST_PROPS_test_kv TIMEOUT 300)
+# Cross builds: the build machine's own service serves the target's client
+# (under the emulator), then the target's service serves the build machine's
+# client, through the same rows. scripts/cross.sh builds the native peers first.
+if(CMAKE_CROSSCOMPILING AND OSTREL_NATIVE_PEER_DIR AND TARGET ostrel-kvd)
+  foreach(peer ostrel-kvd ostrel-kv)
+    add_test(NAME cross_peer_native_${peer} COMMAND test_kv --gtest_filter=KvService.ShellRowsInOrder)
+    set_tests_properties(cross_peer_native_${peer} PROPERTIES TIMEOUT 600
+      ENVIRONMENT "OSTREL_NATIVE_PEER=${OSTREL_NATIVE_PEER_DIR}/examples/${peer};ZURN_LOG_DIR=${CMAKE_CURRENT_BINARY_DIR}")
+  endforeach()
+endif()

@@ -1,370 +1,212 @@
-// The example service end to end: ostrel-kvd as a real process, driven by the
-// protocol client, by ostrel-kv, and by a raw socket sending garbage; the
-// packet inspector on packets written by the serializer.
+// The example programs end to end, as real processes: ostrel-kvd driven by
+// ostrel-kv, by the protocol client and by raw connections sending garbage,
+// and the packet inspector. A new check of a program's output is one more row
+// of a table below.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "kv_protocol.h"
 
 namespace {
 
-// In a cross build the programs under test run through the emulator that
-// OSTREL_TARGET_EMULATOR names (e.g. "qemu-s390x -L /usr/s390x-linux-gnu").
-std::vector<std::string> emulator_words() {
-    std::vector<std::string> words;
-    std::istringstream in(getenv("OSTREL_TARGET_EMULATOR") ? getenv("OSTREL_TARGET_EMULATOR") : "");
-    for (std::string w; in >> w;) words.push_back(w);
-    return words;
+// The shell words that start an example: in a cross build through the
+// emulator that OSTREL_TARGET_EMULATOR names (e.g. "qemu-s390x -L /usr/s390x-linux-gnu"),
+// except the build machine's own program that OSTREL_NATIVE_PEER may name, so
+// that it and the target's programs talk across byte orders.
+std::string program(const std::string &name) {
+    const char *emu = getenv("OSTREL_TARGET_EMULATOR"), *peer = getenv("OSTREL_NATIVE_PEER");
+    if (peer != nullptr && std::filesystem::path(peer).filename() == name) return peer;
+    return std::string(emu ? emu : "") + " " + OSTREL_EXAMPLES_DIR + "/" + name;
 }
 
-std::string command_prefix() {
-    std::string prefix;
-    for (const auto &w : emulator_words()) prefix += w + " ";
-    return prefix;
+// Runs a shell command line; returns its standard output and exit status.
+std::pair<std::string, int> run(const std::string &cmd) {
+    FILE *p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[512];
+    while (p && fgets(buf, sizeof buf, p)) out += buf;
+    int st = p ? pclose(p) : -1;
+    return {out, WIFEXITED(st) ? WEXITSTATUS(st) : -1};
 }
 
-std::string read_text(const std::string &path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+// Shell function garbage BYTES: sends printf's BYTES on a plain connection to
+// $PORT and fails unless the service ends that connection within 10 s.
+const char kGarbage[] = "garbage() { bash -c 'trap \"\" PIPE; exec 3<>/dev/tcp/127.0.0.1/$PORT || exit 9; "
+                        "printf \"$0\" >&3; timeout 10 cat <&3 >/dev/null 2>&1; test $? != 124' \"$1\"; }; ";
 
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/ostrel_kv_XXXXXX";
-        path_ = mkdtemp(tmpl) ? tmpl : "";
-    }
-    ~TempDir() {
-        if (DIR *d = opendir(path_.c_str())) {
-            while (dirent *e = readdir(d))
-                if (e->d_name[0] != '.') unlink((path_ + "/" + e->d_name).c_str());
-            closedir(d);
-        }
-        rmdir(path_.c_str());
-    }
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-// A running ostrel-kvd on a port the system chose.
-class Kvd {
-public:
-    explicit Kvd(const std::string &dir) : dir_(dir) { start(); }
-    ~Kvd() {
-        if (pid_ > 0) stop();
-        if (out_ >= 0) close(out_);
-    }
-
-    void start() {
-        int p[2];
-        ASSERT_EQ(pipe(p), 0);
-        pid_ = fork();
-        ASSERT_GE(pid_, 0);
-        if (pid_ == 0) {
-            dup2(p[1], 1);
-            int err = open((dir_ + "/stderr.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(err, 2);
-            close(p[0]);
-            setenv("ZURN_LOG_DIR", dir_.c_str(), 1);
-            setenv("ZURN_LOG_LEVEL", "INFO", 1);
-            std::vector<std::string> args = emulator_words();
-            for (const char *a : {OSTREL_KVD_PATH, "--port", "0", "--pid-dir"}) args.emplace_back(a);
-            args.push_back(dir_);
-            std::vector<char *> argv;
-            for (auto &a : args) argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            execvp(argv[0], argv.data());
-            _exit(127);
-        }
-        close(p[1]);
-        out_ = p[0];
-        std::string line = read_line(10000);
-        auto pos = line.rfind(':');
-        ASSERT_NE(line.find("ostrel-kvd: listening on 127.0.0.1:"), std::string::npos) << line;
-        port_ = atoi(line.c_str() + pos + 1);
-        ASSERT_GT(port_, 0);
-    }
-
-    // Reads one line of the service's standard output, waiting at most ms.
-    std::string read_line(int ms) {
-        std::string line;
-        char c;
-        while (true) {
-            pollfd pfd{out_, POLLIN, 0};
-            if (poll(&pfd, 1, ms) <= 0) break;
-            if (read(out_, &c, 1) != 1) break;
-            if (c == '\n') break;
-            line += c;
-        }
-        return line;
-    }
-
-    // SIGTERM; returns the exit status and what the service printed last.
-    int stop(std::string *last = nullptr) {
-        kill(pid_, SIGTERM);
-        std::string l = read_line(10000);
-        if (last) *last = l;
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return status;
-    }
-
-    int port() const { return port_; }
-    pid_t pid() const { return pid_; }
-
-private:
-    std::string dir_;
-    pid_t pid_ = -1;
-    int out_ = -1;
-    int port_ = 0;
-};
-
+// A running ostrel-kvd on a port the system chose, with its pid file and logs
+// in a directory of its own.
 class KvService : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (std::string(OSTREL_KVD_PATH).empty()) GTEST_SKIP() << "examples not built";
-        kvd_ = std::make_unique<Kvd>(dir_.path());
-        if (HasFatalFailure()) return;
-        ASSERT_EQ(client_.connect("127.0.0.1", kvd_->port()), 0u);
+        if (!*OSTREL_EXAMPLES_DIR) GTEST_SKIP() << "examples not built";
+        char t[] = "/tmp/ostrel_kv_XXXXXX";
+        ASSERT_NE(mkdtemp(t), nullptr);
+        dir_ = t;
+        const std::string cmd = "ZURN_LOG_DIR=" + dir_ + " ZURN_LOG_LEVEL=INFO exec " + kvd() + " 2>>" + dir_ + "/err";
+        out_ = popen(cmd.c_str(), "r");
+        ASSERT_NE(out_, nullptr);
+        std::string line = next_line();
+        ASSERT_EQ(sscanf(line.c_str(), "ostrel-kvd: listening on 127.0.0.1:%d (pid %d)", &port_, &pid_), 2) << line;
+        ASSERT_EQ(client_.connect("127.0.0.1", port_), 0u);
     }
-    kv::Reply call(int32_t op, const char *key = nullptr, const char *value = nullptr) {
-        kv::Reply r;
-        EXPECT_EQ(client_.call(op, key, value, r), 0u);
-        return r;
+    void TearDown() override {
+        if (out_ != nullptr) {
+            EXPECT_EQ(stop(), std::make_pair(0, std::string("ostrel-kvd: stopped\n")));
+        }
+        if (!dir_.empty()) std::filesystem::remove_all(dir_);
     }
-    std::string log() { return read_text(dir_.path() + "/ostrel-kvd.log"); }
+    std::string kvd() { return program("ostrel-kvd") + " --port 0 --pid-dir " + dir_; }
+    std::string next_line() {
+        char buf[256] = "";
+        return fgets(buf, sizeof buf, out_) ? buf : "";
+    }
+    // SIGTERM; the exit status and the last line the service printed.
+    std::pair<int, std::string> stop() {
+        if (pid_ > 0) kill(pid_, SIGTERM);
+        std::string last = next_line();
+        int st = pclose(out_);
+        out_ = nullptr;
+        return {st, last};
+    }
+    // Runs a shell command line with the service's settings exported: DIR (its
+    // directory), PORT, PID, KV (the client on PORT), KVD (a second instance),
+    // PKTDUMP (the packet inspector), and the function garbage.
+    std::pair<std::string, int> sh(const std::string &line) {
+        const std::string port = std::to_string(port_);
+        return run("export ZURN_LOG_DIR=" + dir_ + " DIR=" + dir_ + " PORT=" + port + " PID=" + std::to_string(pid_) +
+                   " KV='" + program("ostrel-kv") + " --port " + port + "' KVD='" + kvd() + "' PKTDUMP='" +
+                   program("ostrel-pktdump") + "'; " + kGarbage + line);
+    }
 
-    TempDir dir_;
-    std::unique_ptr<Kvd> kvd_;
+    std::string dir_;
+    FILE *out_ = nullptr;
+    int port_ = 0, pid_ = 0;
     kv::Client client_;
+    kv::Reply reply_;
 };
 
-TEST_F(KvService, PutGetDeleteCountAndListInKeyOrder) {
-    for (const char *k : {"pear", "apple", "fig"}) EXPECT_EQ(call(kv::KV_OP_PUT, k, (std::string(k) + "!").c_str()).code, 0u);
-    EXPECT_EQ(call(kv::KV_OP_PUT, "apple", "green").code, 0u); // replaces
-    kv::Reply r = call(kv::KV_OP_GET, "apple");
-    EXPECT_EQ(r.code, 0u);
-    EXPECT_EQ(r.value, "green");
-    EXPECT_EQ(call(kv::KV_OP_COUNT).count, 3);
-    r = call(kv::KV_OP_LIST);
-    ASSERT_EQ(r.code, 0u);
-    EXPECT_EQ(r.entries, (std::vector<std::pair<std::string, std::string>>{
-                             {"apple", "green"}, {"fig", "fig!"}, {"pear", "pear!"}}));
-    EXPECT_EQ(call(kv::KV_OP_DEL, "fig").code, 0u);
-    EXPECT_EQ(call(kv::KV_OP_COUNT).count, 2);
-    r = call(kv::KV_OP_GET, "fig");
-    EXPECT_EQ(r.code, OSL_ERR_NOT_FOUND);
-    EXPECT_EQ(r.text, "Can not find specified item(node,element).");
+// A big-endian, unordered packet of five items, one of them a nested packet.
+#define PACKET                                                                                                  \
+    "e200010400000068050c0020050000440400002409000014030000080700000004000004ffffffd682000006ffff0002012c0000" \
+    "2000000b6869202274686572652200003000001ce20001040000001c010c001001000000200000076e6573746564000020000000"
+
+// Shell command lines (see sh()) run in order against one service: what each
+// prints (a prefix where it ends in "...") and its exit status.
+const struct {
+    const char *line, *out;
+    int status;
+} kShellRows[] = {
+    {"$KV put pear pear!", "ok\n", 0},
+    {"$KV put apple apple!", "ok\n", 0},
+    {"$KV put fig 'fig tree'", "ok\n", 0},
+    {"$KV put apple green", "ok\n", 0}, // replaces
+    {"$KV put empty ''", "ok\n", 0},
+    {"$KV get apple", "green\n", 0},
+    {"$KV get empty", "\n", 0},
+    {"$KV count", "4\n", 0},
+    {"$KV list", "apple=green\nempty=\nfig=fig tree\npear=pear!\n", 0},
+    {"$KV del fig", "ok\n", 0},
+    {"$KV del empty", "ok\n", 0},
+    {"$KV get fig", "error 0x90018: Can not find specified item(node,element).\n", 1},
+    {"$KV del fig", "error 0x90018: Can not find specified item(node,element).\n", 1},
+    {"$KV get 2>&1", "usage: ostrel-kv [--host H] [--port P] put KEY VALUE...", 2},
+    // Garbage closes only its own connection: no handshake; a handshake, then
+    // a header of the wrong magic; a header announcing 2 GiB.
+    {"garbage 'GET / HTTP/1.0\\r\\n\\r\\n'", "", 0},
+    {"garbage '\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6'", "", 0},
+    {"garbage '\\xA6\\0\\0\\0\\0\\0\\0\\0\\xff\\xff\\xff\\x7f'", "", 0},
+    {"$KV get pear", "pear!\n", 0},
+    // A value longer than the first segment netbase sends with the header.
+    {"$KV put big $(printf %03000d 7)", "ok\n", 0},
+    {"test \"$($KV get big)\" = $(printf %03000d 7) && echo same", "same\n", 0},
+    // A bounded load: the client checks every reply itself.
+    {"$KV bench --clients 32 --requests 500 2>/dev/null", "bench: 32 clients x 500 requests: 16000 ok, 0 failed...", 0},
+    {"$KV count", "8003\n", 0},
+    // A second instance on the same pid directory is refused; the pid file stays the first one's.
+    {"$KVD 2>&1", "ostrel-kvd: cannot start: 0x90001 Unknown error.\n", 1},
+    {"echo $PID | cmp - $DIR/qmv_ns_ostrel-kvd.pid", "", 0},
+    {"grep -c \"PID file $DIR/qmv_ns_ostrel-kvd.pid is locked.\" $DIR/ostrel.log", "1\n", 0},
+    // The packet inspector's tree, and its refusal once the stored length is one off.
+    {"echo " PACKET " | $PKTDUMP --hex -",
+     "packet: big-endian, align 4, unordered, length 104, 5 items, header 12, items at 32\n"
+     "  item 0 (index 7): int32 -42\n  item 1 (index 3): int16[3] { -1, 2, 300 }\n"
+     "  item 2 (index 9): string \"hi \\\"there\\\"\"\n  item 3 (index 4): packet (28 bytes)\n"
+     "    packet: big-endian, align 4, unordered, length 28, 1 items, header 12, items at 16\n"
+     "      item 0 (index 1): string \"nested\"\n  item 4 (index 5): string NULL\n",
+     0},
+    {"echo " PACKET " | sed s/^e200010400000068/e200010400000069/ | $PKTDUMP --hex -",
+     "invalid packet (0x90012): The length stored in the packet is 105 while the given is 104. Invalid encoded "
+     "packet data.\n",
+     1},
+};
+
+TEST_F(KvService, ShellRowsInOrder) {
+    for (const auto &r : kShellRows) {
+        auto [out, status] = sh(r.line);
+        std::string want = r.out;
+        if (want.size() > 3 && want.compare(want.size() - 3, 3, "...") == 0) {
+            want.resize(want.size() - 3);
+            out.resize(std::min(out.size(), want.size()));
+        }
+        EXPECT_EQ(out, want) << r.line;
+        EXPECT_EQ(status, r.status) << r.line;
+    }
 }
 
-TEST_F(KvService, BadRequestsGetErrorRepliesAndTheServiceGoesOn) {
-    kv::Reply r = call(99, "k");
-    EXPECT_EQ(r.code, OSL_ERR_INVALID_COMMAND);
-    EXPECT_EQ(r.text, "Invalid command.");
-    EXPECT_EQ(call(kv::KV_OP_PUT, nullptr, "v").code, OSL_ERR_INVALID_PARAMETER);
-
-    // A request without its key item, and bytes that are no packet at all,
-    // framed correctly by netbase.
-    Ostrel_SerializerConfig cfg = kv::packet_config();
-    Ostrel_Serializer *h = nullptr;
-    ASSERT_EQ(Ostrel_Serializer_SerializeInit(&cfg, &h), 0u);
-    ASSERT_EQ(Ostrel_Serializer_Serialize(h, OSL_SLZ_MODE_APPEND, "%1.d", static_cast<int>(kv::KV_OP_GET)), 0u);
-    unsigned char *buf = nullptr;
-    int len = 0;
-    ASSERT_EQ(Ostrel_Serializer_GetBuffer(h, &buf, &len), 0u);
-    for (int round = 0; round < 2; ++round) {
-        std::vector<unsigned char> bytes(buf, buf + len);
-        if (round == 1) bytes.assign({0xE2, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13});
-        ASSERT_EQ(netbase_send_packet(client_.handle(), bytes.data(), static_cast<int32_t>(bytes.size()), 5000), 0u);
+TEST_F(KvService, RequestsTheClientCannotMakeAreAnsweredWithTheirCode) {
+    const struct {
+        int32_t op;
+        const char *key, *value;
+        uint32_t code;
+        const char *text;
+    } rows[] = {
+        {99, "k", "v", OSL_ERR_INVALID_COMMAND, "Invalid command."},
+        {kv::KV_OP_PUT, nullptr, "v", OSL_ERR_INVALID_PARAMETER, "Invalid parameter."},
+        {kv::KV_OP_PUT, "k", nullptr, OSL_ERR_INVALID_PARAMETER, "Invalid parameter."},
+        {kv::KV_OP_GET, nullptr, nullptr, OSL_ERR_INVALID_PARAMETER, "Invalid parameter."},
+        {kv::KV_OP_DEL, nullptr, nullptr, OSL_ERR_INVALID_PARAMETER, "Invalid parameter."},
+    };
+    for (const auto &r : rows) {
+        EXPECT_EQ(client_.call(r.op, r.key, r.value, reply_), 0u) << r.op;
+        EXPECT_EQ(reply_.code, r.code) << r.op;
+        EXPECT_EQ(reply_.text, r.text) << r.op;
+    }
+    // Framed by netbase but no request: a packet of only item 1 (get), then bytes that are no packet.
+    const std::vector<unsigned char> bad[] = {
+        {0xE2, 0, 0, 4, 24, 0, 0, 0, 1, 12, 16, 0, 0, 0, 0, 1, 4, 0, 0, 4, 2, 0, 0, 0},
+        {0xE2, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}};
+    for (const auto &pkt : bad) {
         void *in = nullptr;
-        int32_t in_len = 0;
-        ASSERT_EQ(netbase_receive_packet(client_.handle(), &in, &in_len, 5000), 0u);
+        int32_t in_len = 0, code = 0;
         Ostrel_Serializer *rh = nullptr;
+        ASSERT_EQ(netbase_send_packet(client_.handle(), pkt.data(), int32_t(pkt.size()), kv::kTimeoutMs), 0u);
+        ASSERT_EQ(netbase_receive_packet(client_.handle(), &in, &in_len, kv::kTimeoutMs), 0u);
         ASSERT_EQ(Ostrel_Serializer_DeserializeInit(static_cast<unsigned char *>(in), in_len, &rh), 0u);
-        int32_t code = 0;
-        ASSERT_EQ(Ostrel_Serializer_Deserialize(rh, "%1.d", &code), 0u);
-        EXPECT_EQ(static_cast<uint32_t>(code), round == 0 ? OSL_ERR_NOT_FOUND : OSL_ERR_INVALID_DATA);
+        EXPECT_EQ(Ostrel_Serializer_Deserialize(rh, "%1.d", &code), 0u);
+        EXPECT_EQ(uint32_t(code), &pkt == bad ? OSL_ERR_NOT_FOUND : OSL_ERR_INVALID_DATA);
         Ostrel_Serializer_Destroy(rh);
     }
-    Ostrel_Serializer_Destroy(h);
-    EXPECT_EQ(call(kv::KV_OP_PUT, "still", "here").code, 0u);
-    EXPECT_NE(log().find("Malformed request (14 bytes): 0x90012 Invalid data content."), std::string::npos);
-}
-
-TEST_F(KvService, GarbageOnTheWireClosesOnlyThatConnection) {
-    for (const std::string &garbage : {std::string("GET / HTTP/1.0\r\n\r\n"), std::string(12, '\xA6'),
-                                       std::string("\xA6\0\0\0\0\0\0\0\xff\xff\xff\x7f", 12)}) {
-        int s = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(kvd_->port()));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-        ASSERT_EQ(send(s, garbage.data(), garbage.size(), MSG_NOSIGNAL), static_cast<ssize_t>(garbage.size()));
-        // The service answers a well-formed handshake, then drops the bad packet's connection.
-        char sink[64];
-        timeval tv{10, 0};
-        setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        ssize_t n;
-        while ((n = recv(s, sink, sizeof sink, 0)) > 0) {
-        }
-        EXPECT_EQ(n, 0) << "connection should be closed by the service";
-        close(s);
-    }
-    EXPECT_EQ(call(kv::KV_OP_PUT, "alive", "yes").code, 0u);
-    EXPECT_EQ(call(kv::KV_OP_GET, "alive").value, "yes");
-}
-
-TEST_F(KvService, SecondInstanceOnThePidDirectoryIsRefused) {
-    std::string cmd = std::string("ZURN_LOG_DIR=") + dir_.path() + " " + command_prefix() +
-                      OSTREL_KVD_PATH " --port 0 --pid-dir " + dir_.path() + " 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
-    ASSERT_NE(p, nullptr);
-    char line[256] = {0};
-    std::string out;
-    while (fgets(line, sizeof line, p)) out += line;
-    int status = pclose(p);
-    EXPECT_NE(WEXITSTATUS(status), 0);
-    EXPECT_NE(out.find("ostrel-kvd: cannot start: 0x90001 Unknown error."), std::string::npos) << out;
-    std::string pid_file = dir_.path() + "/qmv_ns_ostrel-kvd.pid";
-    EXPECT_EQ(read_text(pid_file), std::to_string(kvd_->pid()) + "\n");
-    EXPECT_NE(read_text(dir_.path() + "/ostrel.log").find("PID file " + pid_file + " is locked."), std::string::npos);
+    EXPECT_EQ(client_.call(kv::KV_OP_PUT, "still", "here", reply_), 0u);
+    EXPECT_EQ(reply_.code, 0u);
+    EXPECT_EQ(sh("grep -c -e 'Malformed request (14 bytes): 0x90012 Invalid data content.$' -e 'Unknown request "
+                 "operation 99$' $DIR/ostrel-kvd.log"),
+              std::make_pair(std::string("2\n"), 0));
 }
 
 TEST_F(KvService, SigtermStopsCleanlyWithConnectionsOpen) {
     kv::Client idle;
-    ASSERT_EQ(idle.connect("127.0.0.1", kvd_->port()), 0u);
-    EXPECT_EQ(call(kv::KV_OP_PUT, "a", "b").code, 0u);
-    std::string last;
-    int status = kvd_->stop(&last);
-    EXPECT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(last, "ostrel-kvd: stopped");
-    kv::Reply r;
-    EXPECT_NE(idle.call(kv::KV_OP_COUNT, nullptr, nullptr, r), 0u); // its connection was closed
-    EXPECT_NE(log().find("Stopped"), std::string::npos);
-}
-
-TEST_F(KvService, CommandLineClient) {
-    auto run = [&](const std::string &args, int *status) {
-        std::string cmd = command_prefix() + OSTREL_KV_PATH + " --port " + std::to_string(kvd_->port()) + " " + args;
-        FILE *p = popen(cmd.c_str(), "r");
-        std::string out;
-        char buf[256];
-        while (p && fgets(buf, sizeof buf, p)) out += buf;
-        *status = WEXITSTATUS(pclose(p));
-        return out;
-    };
-    int st = -1;
-    EXPECT_EQ(run("put colour blue", &st), "ok\n");
-    EXPECT_EQ(st, 0);
-    EXPECT_EQ(run("put animal cat", &st), "ok\n");
-    EXPECT_EQ(run("get colour", &st), "blue\n");
-    EXPECT_EQ(run("count", &st), "2\n");
-    EXPECT_EQ(run("list", &st), "animal=cat\ncolour=blue\n");
-    EXPECT_EQ(run("del colour", &st), "ok\n");
-    EXPECT_EQ(run("get colour", &st), "error 0x90018: Can not find specified item(node,element).\n");
-    EXPECT_EQ(st, 1);
-    std::string bench = run("bench --clients 2 --requests 50 2>/dev/null", &st);
-    EXPECT_EQ(st, 0) << bench;
-    EXPECT_NE(bench.find("bench: 2 clients x 50 requests: 100 ok, 0 failed"), std::string::npos) << bench;
-}
-
-TEST_F(KvService, ManyClientsAtOnceLoseNothing) {
-    constexpr int kClients = 32, kRequests = 500;
-    std::vector<std::thread> ts;
-    std::atomic<int> bad{0};
-    for (int t = 0; t < kClients; ++t)
-        ts.emplace_back([&, t] {
-            kv::Client c;
-            if (c.connect("127.0.0.1", kvd_->port()) != 0) {
-                bad += kRequests;
-                return;
-            }
-            for (int i = 0; i < kRequests; i += 2) {
-                std::string key = "k" + std::to_string(t) + "." + std::to_string(i);
-                std::string value = std::to_string(t * 1000003 + i);
-                kv::Reply r;
-                if (c.call(kv::KV_OP_PUT, key.c_str(), value.c_str(), r) != 0 || r.code != 0) ++bad;
-                if (c.call(kv::KV_OP_GET, key.c_str(), nullptr, r) != 0 || r.code != 0 || r.value != value) ++bad;
-            }
-        });
-    for (auto &t : ts) t.join();
-    EXPECT_EQ(bad.load(), 0);
-    EXPECT_EQ(call(kv::KV_OP_COUNT).count, kClients * kRequests / 2);
-}
-
-std::string run_pktdump(const std::vector<unsigned char> &pkt, int *status) {
-    TempDir d;
-    std::string file = d.path() + "/pkt.bin";
-    {
-        std::ofstream f(file, std::ios::binary);
-        f.write(reinterpret_cast<const char *>(pkt.data()), static_cast<std::streamsize>(pkt.size()));
-    }
-    FILE *p = popen((command_prefix() + OSTREL_PKTDUMP_PATH + " --raw " + file).c_str(), "r");
-    std::string out;
-    char buf[256];
-    while (p && fgets(buf, sizeof buf, p)) out += buf;
-    *status = WEXITSTATUS(pclose(p));
-    return out;
-}
-
-TEST(PacketDump, PrintsTheTreeOfAPacketAndTheReasonForABadOne) {
-    if (std::string(OSTREL_PKTDUMP_PATH).empty()) GTEST_SKIP() << "examples not built";
-    Ostrel_SerializerConfig cfg{0, 1, 4, 0, 0}; // big-endian, unordered
-    Ostrel_Serializer *inner = nullptr, *outer = nullptr;
-    ASSERT_EQ(Ostrel_Serializer_SerializeInit(&cfg, &inner), 0u);
-    ASSERT_EQ(Ostrel_Serializer_Serialize(inner, OSL_SLZ_MODE_APPEND, "%1.s", "nested"), 0u);
-    ASSERT_EQ(Ostrel_Serializer_SerializeInit(&cfg, &outer), 0u);
-    int16_t arr[3] = {-1, 2, 300};
-    ASSERT_EQ(Ostrel_Serializer_Serialize(outer, OSL_SLZ_MODE_APPEND, "%7.d %3.ah %9.s %4.b %5.s", -42, arr, 3,
-                                          "hi \"there\"", inner, nullptr),
-              0u);
-    unsigned char *buf = nullptr;
-    int len = 0;
-    ASSERT_EQ(Ostrel_Serializer_GetBuffer(outer, &buf, &len), 0u);
-    std::vector<unsigned char> pkt(buf, buf + len);
-    Ostrel_Serializer_Destroy(inner);
-    Ostrel_Serializer_Destroy(outer);
-
-    int st = -1;
-    std::string out = run_pktdump(pkt, &st);
-    EXPECT_EQ(st, 0);
-    EXPECT_EQ(out, "packet: big-endian, align 4, unordered, length " + std::to_string(len) +
-                       ", 5 items, header 12, items at 32\n"
-                       "  item 0 (index 7): int32 -42\n"
-                       "  item 1 (index 3): int16[3] { -1, 2, 300 }\n"
-                       "  item 2 (index 9): string \"hi \\\"there\\\"\"\n"
-                       "  item 3 (index 4): packet (28 bytes)\n"
-                       "    packet: big-endian, align 4, unordered, length 28, 1 items, header 12, items at 16\n"
-                       "      item 0 (index 1): string \"nested\"\n"
-                       "  item 4 (index 5): string NULL\n");
-
-    pkt[4 + 3] ^= 1; // total length no longer matches
-    out = run_pktdump(pkt, &st);
-    EXPECT_EQ(st, 1);
-    EXPECT_NE(out.find("invalid packet (0x90012): The length stored in the packet is"), std::string::npos) << out;
+    ASSERT_EQ(idle.connect("127.0.0.1", port_), 0u);
+    EXPECT_EQ(client_.call(kv::KV_OP_PUT, "a", "b", reply_), 0u);
+    EXPECT_EQ(stop(), std::make_pair(0, std::string("ostrel-kvd: stopped\n"))); // exit status 0
+    EXPECT_NE(idle.call(kv::KV_OP_COUNT, nullptr, nullptr, reply_), 0u); // its connection was closed
+    EXPECT_EQ(sh("grep -c 'Stopped$' $DIR/ostrel-kvd.log"), std::make_pair(std::string("1\n"), 0));
 }
 
 } // namespace

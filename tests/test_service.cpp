@@ -1,474 +1,182 @@
-// Service wrappers, run in child processes (a wrapper that starts never
-// returns): the pid file's path, content, mode, close-on-exec flag and lock
-// as another process sees it; a second instance refused; failing callbacks'
-// codes returned and logged; an old longer pid file truncated; the daemon
-// form detaching and stopping by signal. Every child works in a temporary
-// directory of its own.
+// Service wrappers, each run in a child process of its own (a wrapper that
+// starts never returns): the pid file's path, content, mode, flags and lock
+// as another process sees it, a second instance refused, failing callbacks'
+// codes in the foreground and daemon forms, the failures before the callback,
+// and an old longer pid file truncated.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "ostrel_common.h"
 #include "ostrel_service.h"
 #include "test_util.h"
-#include "zurn_general.h"
 
 namespace {
 
-constexpr const char *kPath = "src/service";
-
-struct Line {
-    int level;
-    std::string path;
-    std::string text;
-};
-
-// The child's log lines travel through a pipe: "level\tpath\ttext\n"; its
-// wrapper's result, if the wrapper returns, as "=code\n".
+namespace fs = std::filesystem;
 int g_log_fd = -1;
 
-void pipe_sink(void *, const char *, int level, const char *path, int, const char *text) {
-    char buf[2048];
-    int n = snprintf(buf, sizeof buf, "%d\t%s\t%s\n", level, path, text);
-    if (n > 0) (void)!write(g_log_fd, buf, std::min<size_t>(static_cast<size_t>(n), sizeof buf - 1));
-}
+// A log line as a child writes it.
+std::string L(int level, const std::string &text) { return std::to_string(level) + " src/service " + text + "\n"; }
 
-class Child {
-public:
-    // Forks; the child enters dir, sets a restrictive umask (the pid file's
-    // mode must not depend on it), logs everything into the pipe and runs body.
-    Child(const std::string &dir, const std::function<uint32_t()> &body) {
-        int p[2];
-        if (pipe(p) != 0) return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(p[0]);
-            g_log_fd = p[1];
-            if (chdir(dir.c_str()) != 0) _exit(3);
-            umask(077);
-            ZurnGeneral_SetLogLevel(1);
-            ZurnGeneral_SetLogSink(pipe_sink, nullptr, ZURN_LOG_SINK_ONLY);
-            uint32_t rc = body();
-            char buf[32];
-            int n = snprintf(buf, sizeof buf, "=%u\n", rc);
-            (void)!write(p[1], buf, static_cast<size_t>(n));
-            _exit(0);
-        }
-        close(p[1]);
-        fd_ = p[0];
-    }
-    ~Child() {
-        if (fd_ >= 0) close(fd_);
-        stop(SIGKILL);
-    }
-    pid_t pid() const { return pid_; }
-    bool alive() const { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
-    // Kills the child and returns its wait status.
-    int stop(int sig) {
-        if (pid_ <= 0) return -1;
-        kill(pid_, sig);
-        int status = -1;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return status;
-    }
-    int wait_exit() {
-        int status = -1;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return status;
-    }
+std::string read_file(const std::string &path) { return (std::stringstream() << std::ifstream(path).rdbuf()).str(); }
 
-    // Reads lines until one has `text` (true) or the pipe ends (false). The
-    // bound only keeps a broken build from hanging the suite.
-    bool read_until(const std::string &text) {
-        for (const auto &l : lines_)
-            if (l.text == text) return true;
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (std::chrono::steady_clock::now() < end) {
-            pollfd pfd{fd_, POLLIN, 0};
-            if (poll(&pfd, 1, 100) <= 0) continue;
-            char buf[4096];
-            ssize_t n = read(fd_, buf, sizeof buf);
-            if (n <= 0) return false;
-            pending_.append(buf, static_cast<size_t>(n));
-            bool found = false;
-            size_t nl;
-            while ((nl = pending_.find('\n')) != std::string::npos) {
-                std::string one = pending_.substr(0, nl);
-                pending_.erase(0, nl + 1);
-                if (one.rfind('=', 0) == 0) {
-                    result_ = static_cast<uint32_t>(std::stoul(one.substr(1)));
-                    has_result_ = true;
-                    continue;
-                }
-                std::istringstream in(one);
-                Line l;
-                std::string level;
-                std::getline(in, level, '\t');
-                std::getline(in, l.path, '\t');
-                std::getline(in, l.text);
-                l.level = std::atoi(level.c_str());
-                if (l.text == text) found = true;
-                lines_.push_back(l);
-            }
-            if (found) return true;
-        }
-        return false;
+// Runs body in a child process that enters dir with a restrictive umask (the
+// pid file's mode must not depend on it) and writes its log lines into a file
+// of its own, and "= code pid" if body returns in some process.
+struct Child {
+    std::string log;
+    pid_t pid;
+    Child(const std::string &dir, const std::function<uint32_t()> &body)
+        : log(dir + "." + std::to_string(++made_) + ".log"), pid(fork()) {
+        if (pid != 0) return;
+        g_log_fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        if (chdir(dir.c_str()) != 0) _exit(3);
+        umask(077);
+        ZurnGeneral_SetLogLevel(1);
+        ZurnGeneral_SetLogSink([](void *, const char *, int level, const char *path, int, const char *text) {
+            dprintf(g_log_fd, "%d %s %s\n", level, path, text);
+        }, nullptr, ZURN_LOG_SINK_ONLY);
+        const uint32_t rc = body();
+        dprintf(g_log_fd, "= 0x%x %d\n", rc, getpid());
+        _exit(0);
     }
-    // Reads to the end of the pipe and returns the wrapper's result.
-    uint32_t result() {
-        read_until("\x01 never logged");
-        EXPECT_TRUE(has_result_) << "the wrapper did not return";
-        return result_;
+    ~Child() { pid > 0 && kill(pid, SIGKILL) == 0 && waitpid(pid, nullptr, 0), unlink(log.c_str()); }
+    std::string got() const { return "\n" + read_file(log); }
+    // The rest of the line that begins with prefix, once there is one.
+    std::string after(const std::string &prefix) const {
+        if (!tgtest::eventually([&] { return got().find("\n" + prefix) != std::string::npos; }, 30)) return "?";
+        const std::string all = got();
+        const size_t at = all.find("\n" + prefix) + prefix.size() + 1;
+        return all.substr(at, all.find('\n', at) - at);
     }
-    bool has(int level, const std::string &text) const {
-        for (const auto &l : lines_)
-            if (l.level == level && l.path == kPath && l.text == text) return true;
-        return false;
-    }
-    std::vector<std::string> texts() const {
-        std::vector<std::string> out;
-        for (const auto &l : lines_) out.push_back(l.text);
-        return out;
-    }
-
-private:
-    pid_t pid_ = -1;
-    int fd_ = -1;
-    std::string pending_;
-    std::vector<Line> lines_;
-    uint32_t result_ = 0;
-    bool has_result_ = false;
+    int wait() { int status = -1; return waitpid(std::exchange(pid, -1), &status, 0), status; }
+    static inline int made_ = 0;
 };
 
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+// The lock on a file as this (other) process sees it: type, owner, start, length.
+std::vector<long> lock_seen(const std::string &path) {
+    struct flock fl {F_WRLCK, SEEK_SET, 0, 0, 0};
+    const int fd = open(path.c_str(), O_RDONLY), rc = fcntl(fd, F_GETLK, &fl);
+    return close(fd), std::vector<long>{rc == 0 ? fl.l_type : -1, fl.l_pid, static_cast<long>(fl.l_start), static_cast<long>(fl.l_len)};
 }
 
-// The lock on a file as another process sees it.
-struct flock lock_seen(const std::string &path) {
-    struct flock fl;
-    memset(&fl, 0, sizeof fl);
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    int fd = open(path.c_str(), O_RDONLY);
-    if (fd < 0 || fcntl(fd, F_GETLK, &fl) != 0) fl.l_type = -1;
-    if (fd >= 0) close(fd);
-    return fl;
-}
-
-// The descriptor number a process holds open on `path`; -1 if none.
-int pid_fd_of(pid_t pid, const std::string &path) {
-    char real[PATH_MAX];
-    if (realpath(path.c_str(), real) == nullptr) return -1;
-    std::string dir = "/proc/" + std::to_string(pid) + "/fd";
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) return -1;
-    int fd = -1;
-    while (dirent *e = readdir(d)) {
-        char target[PATH_MAX];
-        ssize_t n = readlink((dir + "/" + e->d_name).c_str(), target, sizeof target - 1);
-        if (n <= 0) continue;
-        target[n] = 0;
-        if (std::string(target) == real) fd = std::atoi(e->d_name);
-    }
-    closedir(d);
-    return fd;
-}
-
-// Flags (as /proc reports them) of that descriptor; -1 if there is none.
-long open_flags_of(pid_t pid, const std::string &path) {
-    int fd = pid_fd_of(pid, path);
-    if (fd < 0) return -1;
-    std::ifstream info("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(fd));
-    std::string key;
-    long flags = -1;
-    while (info >> key)
-        if (key == "flags:") {
-            info >> std::oct >> flags;
-            break;
-        }
-    return flags;
-}
+std::string link(const std::string &path) { return fs::read_symlink(path).string(); }
 
 uint32_t start_ok() { return 0; }
-uint32_t start_invalid_parameter() { return 0x9000F; }
 // Returns its parameter as the code, or 0x90018 for a null parameter.
-uint32_t start_ex_echo(void *param) {
-    return param != nullptr ? static_cast<uint32_t>(reinterpret_cast<uintptr_t>(param)) : 0x90018u;
+uint32_t start_echo(void *param) { return param ? static_cast<uint32_t>(reinterpret_cast<uintptr_t>(param)) : 0x90018u; }
+// Run by a daemon: 0x90022 if it leads a session of its own with the null device as its standard streams.
+uint32_t start_in_daemon() {
+    const std::string null = "/dev/null";
+    return getsid(0) == getpid() && link("/proc/self/fd/0") == null && link("/proc/self/fd/1") == null && link("/proc/self/fd/2") == null ? 0x90022 : 0x90001;
 }
 
-class ServiceTest : public ::testing::Test {
+class Service : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/ostrel_service_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-    std::string dir_;
+    void TearDown() override { fs::remove_all(dir_); }
+    std::string dir_ = mkdtemp(std::string("/tmp/ostrel_service_XXXXXX").data()); // a null result throws: the test fails
 };
 
-TEST_F(ServiceTest, ForegroundWrapperWritesLocksAndKeepsItsPidFile) {
-    Child svc(dir_, [] { return Ostrel_NonService_Wrapper("svc", start_ok); });
-    ASSERT_TRUE(svc.read_until("<---cb_service_main()=0x0"));
-    const std::string file = dir_ + "/qmv_ns_svc.pid";
-    EXPECT_EQ(read_file(file), std::to_string(svc.pid()) + "\n");
-    struct stat st;
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0777u);
-    struct flock fl = lock_seen(file);
-    EXPECT_EQ(fl.l_type, F_WRLCK);
-    EXPECT_EQ(fl.l_pid, svc.pid());
-    EXPECT_EQ(fl.l_start, 0);
-    EXPECT_EQ(fl.l_len, 0); // the whole file
-    long flags = open_flags_of(svc.pid(), file);
-    ASSERT_GE(flags, 0) << "the pid file is not held open";
-    EXPECT_NE(flags & O_CLOEXEC, 0);
-    EXPECT_EQ(flags & O_ACCMODE, O_RDWR);
-
-    char fd_exit[64];
-    snprintf(fd_exit, sizeof fd_exit, "<===Exit _create_pid_file with 0x%x",
-             static_cast<unsigned>(pid_fd_of(svc.pid(), file)));
-    const std::vector<std::string> expected = {
-        "===>Enter Ostrel_NonService_Wrapper",
-        "--->_nonservice_main(name,\"./\",cb_service_main,0,0)",
-        "===>Enter _nonservice_main",
-        "pid file path=(.//qmv_ns_svc.pid)",
-        "===>Enter _create_pid_file",
-        fd_exit,
-        "--->cb_service_main()",
-        "<---cb_service_main()=0x0",
-    };
-    EXPECT_EQ(svc.texts(), expected);
-
-    // Started: the wrapper sleeps and the process stays; the lock goes with it.
-    EXPECT_TRUE(svc.alive());
-    int status = svc.stop(SIGTERM);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
-    EXPECT_EQ(lock_seen(file).l_type, F_UNLCK);
-    EXPECT_EQ(access(file.c_str(), F_OK), 0); // never deleted by the library
-}
-
-TEST_F(ServiceTest, SecondInstanceIsRefusedWhileTheFirstRuns) {
+TEST_F(Service, ForegroundInstanceHoldsItsLockedPidFileAndASecondOneIsRefused) {
+    const std::string file = dir_ + "/qmv_ns_svc.pid", label = "_nonservice_main(name,\"./\",cb_service_main,0,0)";
+    const std::string head = L(1, "===>Enter Ostrel_NonService_Wrapper") + L(1, "--->" + label) + L(1, "===>Enter _nonservice_main") +
+                             L(1, "pid file path=(.//qmv_ns_svc.pid)") + L(1, "===>Enter _create_pid_file");
     Child first(dir_, [] { return Ostrel_NonService_Wrapper("svc", start_ok); });
-    ASSERT_TRUE(first.read_until("<---cb_service_main()=0x0"));
+    ASSERT_EQ(first.after("1 src/service <---cb_service_main()=0x0"), "");
+    const std::string content = read_file(file), fd = first.after("1 src/service <===Exit _create_pid_file with 0x");
+    EXPECT_EQ(content, std::to_string(first.pid) + "\n");
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::all);
+    EXPECT_EQ(lock_seen(file), std::vector<long>({F_WRLCK, first.pid, 0, 0}));
+    EXPECT_EQ(first.got(), "\n" + head + L(1, "<===Exit _create_pid_file with 0x" + fd) + L(1, "--->cb_service_main()") +
+                               L(1, "<---cb_service_main()=0x0"));
+    // The descriptor the exit trace names is the pid file, open read-write and close-on-exec.
+    const std::string proc = "/proc/" + std::to_string(first.pid), fd_number = std::to_string(std::stoul(fd, nullptr, 16));
+    EXPECT_EQ(link(proc + "/fd/" + fd_number), fs::canonical(file).string());
+    const std::string info = read_file(proc + "/fdinfo/" + fd_number);
+    EXPECT_EQ(std::stol(info.substr(info.find("flags:") + 6), nullptr, 8) & (O_CLOEXEC | O_ACCMODE), O_CLOEXEC | O_RDWR);
+
     Child second(dir_, [] { return Ostrel_NonService_Wrapper("svc", start_ok); });
-    EXPECT_EQ(second.result(), 0x90001u);
-    EXPECT_EQ(second.wait_exit(), 0);
-    const std::vector<std::string> expected = {
-        "===>Enter Ostrel_NonService_Wrapper",
-        "--->_nonservice_main(name,\"./\",cb_service_main,0,0)",
-        "===>Enter _nonservice_main",
-        "pid file path=(.//qmv_ns_svc.pid)",
-        "===>Enter _create_pid_file",
-        "PID file .//qmv_ns_svc.pid is locked.",
-        "<===Exit _create_pid_file with 0xffffffff",
-        "Create pid file failed.",
-        "<===Exit _nonservice_main with 0x90001",
-        "<---_nonservice_main(name,\"./\",cb_service_main,0,0)=0x90001",
-        "Error in Ostrel_NonService_Wrapper, _nonservice_main(name,PID_FILE_DIR,cb_service_main,0,0)=0x90001, "
-        "[ostrel]Unknown error.",
-        "<===Exit Ostrel_NonService_Wrapper with 0x90001",
+    EXPECT_EQ(second.after("= "), "0x90001 " + std::to_string(second.pid));
+    EXPECT_EQ(second.got(), "\n" + head + L(8, "PID file .//qmv_ns_svc.pid is locked.") + L(1, "<===Exit _create_pid_file with 0xffffffff") +
+                                L(8, "Create pid file failed.") + L(1, "<===Exit _nonservice_main with 0x90001") + L(1, "<---" + label + "=0x90001") +
+                                L(8, "Error in Ostrel_NonService_Wrapper, _nonservice_main(name,PID_FILE_DIR,cb_service_main,0,0)=0x90001, "
+                                     "[ostrel]Unknown error.") + L(1, "<===Exit Ostrel_NonService_Wrapper with 0x90001") + "= " + second.after("= ") + "\n");
+
+    // Started, the wrapper sleeps: the process stays until killed (not ended
+    // otherwise), and its lock goes with it; the refused instance changed nothing.
+    kill(first.pid, SIGTERM);
+    EXPECT_EQ(first.wait(), SIGTERM);
+    EXPECT_EQ(lock_seen(file)[0], F_UNLCK);
+    EXPECT_EQ(read_file(file), content); // never deleted
+}
+
+// Every wrapper with a failing callback returns the callback's code, logged
+// under its own labels, from the process that wrote the pid file (in the
+// daemon form not the one started, which exits at once); an old longer pid
+// file is truncated. Failures before the callback return 0x90001 or 0x9000F
+// and leave no file behind.
+TEST_F(Service, FailuresReturnTheirCodesUnderEachWrappersLabels) {
+    auto cb_failed = [](const std::string &wrapper, const std::string &main, const std::string &trace, const std::string &error,
+                        const std::string &cb, const std::string &code, const std::string &text) {
+        return std::vector<std::string>{L(1, "===>Enter " + wrapper), L(1, "--->" + trace), L(1, "===>Enter " + main),
+            L(1, "--->" + cb), L(1, "<---" + cb + "=" + code), L(8, "Error in " + main + ", " + cb + "=" + code + ", [ostrel]" + text),
+            L(1, "<===Exit " + main + " with " + code), L(1, "<---" + trace + "=" + code),
+            L(8, "Error in " + wrapper + ", " + error + "=" + code + ", [ostrel]" + text), L(1, "<===Exit " + wrapper + " with " + code)};
     };
-    EXPECT_EQ(second.texts(), expected);
-    EXPECT_TRUE(second.has(LOG_LEVEL_ERROR, "PID file .//qmv_ns_svc.pid is locked."));
-    EXPECT_TRUE(second.has(LOG_LEVEL_ERROR, "Create pid file failed."));
-    // The refused instance changed nothing in the file.
-    EXPECT_EQ(read_file(dir_ + "/qmv_ns_svc.pid"), std::to_string(first.pid()) + "\n");
-    EXPECT_EQ(lock_seen(dir_ + "/qmv_ns_svc.pid").l_pid, first.pid());
-}
-
-// Each foreground wrapper with a failing callback: the callback's code comes
-// back unchanged, logged with its module and text by the main and by the
-// wrapper, under the wrapper's own labels; the pid file stays written (and
-// an old, longer one is truncated).
-TEST_F(ServiceTest, FailingCallbacksCodeIsReturnedAndLogged) {
-    struct Case {
-        const char *name;
-        std::function<uint32_t(const std::string &)> run;
-        const char *trace_label;
-        const char *error_label;
-        const char *cb_label;
-        uint32_t code;
-        const char *text;
-        std::string pid_file; // relative to the test directory
+    const std::string sub = dir_ + "/custom", ns = "Ostrel_NonService_Wrapper", path_ex = "_nonservice_main(name,path,0,cb_service_main,param)",
+                      sv = "_service_main(info,argc,argv,cb_service_main,0,0)", sv_ex = "_service_main(info,argc,argv,0,cb_service_main,param)";
+    ASSERT_TRUE(fs::create_directory(sub));
+    const std::vector<std::tuple<std::function<uint32_t()>, std::string, std::string, std::vector<std::string>>> rows = {
+        {[] { return Ostrel_NonService_Wrapper("fail", [] { return 0x9000Fu; }); }, "0x9000f", "qmv_ns_fail.pid",
+         cb_failed(ns, "_nonservice_main", "_nonservice_main(name,\"./\",cb_service_main,0,0)",
+                   "_nonservice_main(name,PID_FILE_DIR,cb_service_main,0,0)", "cb_service_main()", "0x9000f", "Invalid parameter.")},
+        {[] { return Ostrel_NonService_Wrapper_Ex("failex", start_echo, reinterpret_cast<void *>(0x90014)); }, "0x90014", "qmv_ns_failex.pid",
+         cb_failed(ns + "_Ex", "_nonservice_main", "_nonservice_main(name,\"./\",0,cb_service_main,param)",
+                   "_nonservice_main(name,PID_FILE_DIR,0,cb_service_main,param)", "cb_service_main_ex(param)", "0x90014", "Invalid status.")},
+        {[&] { return Ostrel_NonService_Wrapper_CustomPath("cp", sub.c_str(), start_echo); }, "0x90018", "custom/qmv_ns_cp.pid",
+         cb_failed(ns + "_CustomPath", "_nonservice_main", "_nonservice_main(name,path,0,cb_service_main,0)",
+                   "_nonservice_main(name,path,0,cb_service_main,0)", "cb_service_main_ex(param)", "0x90018",
+                   "Can not find specified item(node,element).")},
+        {[&] { return Ostrel_NonService_Wrapper_CustomPath_Ex("cpx", sub.c_str(), start_echo, reinterpret_cast<void *>(0x90022)); }, "0x90022",
+         "custom/qmv_ns_cpx.pid", cb_failed(ns + "_CustomPath_Ex", "_nonservice_main", path_ex, path_ex, "cb_service_main_ex(param)",
+                                            "0x90022", "Data comparation failed.")},
+        {[] { return Ostrel_Service_Wrapper("dmn", 0, nullptr, start_in_daemon); }, "0x90022", "qmv_sv_dmn.pid",
+         cb_failed("Ostrel_Service_Wrapper", "_service_main", sv, sv, "cb_service_main()", "0x90022", "Data comparation failed.")},
+        {[] { return Ostrel_Service_Wrapper_Ex("dmnx", 0, nullptr, start_echo, reinterpret_cast<void *>(0x90014)); }, "0x90014", "qmv_sv_dmnx.pid",
+         cb_failed("Ostrel_Service_Wrapper_Ex", "_service_main", sv_ex, sv_ex, "cb_service_main_ex(param)", "0x90014", "Invalid status.")},
+        {[] { return Ostrel_NonService_Wrapper_CustomPath("x", "no/such/dir", start_echo); }, "0x90001", "",
+         {L(8, "Cannot open pid file no/such/dir/qmv_ns_x.pid: 2"), L(1, "<===Exit _create_pid_file with 0xffffffff"),
+          L(8, "Create pid file failed.")}},
+        // A path longer than the library's 256-byte buffer.
+        {[] { return Ostrel_NonService_Wrapper(std::string(300, 'n').c_str(), start_ok); }, "0x90001", "",
+         {L(8, "Pid file path too long (314 bytes, at most 255)."), L(8, "Create pid file failed.")}},
+        {[] { return Ostrel_Service_Wrapper("x", 0, nullptr, nullptr); }, "0x9000f", "",
+         {L(8, "Error in Ostrel_Service_Wrapper, assert(NULL != pfnStart) failed."), L(1, "<===Exit Ostrel_Service_Wrapper with 0x9000f")}},
     };
-    const std::string sub = dir_ + "/custom";
-    ASSERT_EQ(mkdir(sub.c_str(), 0700), 0);
-    const std::vector<Case> cases = {
-        {"Ostrel_NonService_Wrapper", [](const std::string &) {
-             return Ostrel_NonService_Wrapper("fail", start_invalid_parameter); },
-         "_nonservice_main(name,\"./\",cb_service_main,0,0)",
-         "_nonservice_main(name,PID_FILE_DIR,cb_service_main,0,0)", "cb_service_main()", 0x9000F,
-         "Invalid parameter.", "qmv_ns_fail.pid"},
-        {"Ostrel_NonService_Wrapper_Ex", [](const std::string &) {
-             return Ostrel_NonService_Wrapper_Ex("failex", start_ex_echo, reinterpret_cast<void *>(0x90014));
-         },
-         "_nonservice_main(name,\"./\",0,cb_service_main,param)",
-         "_nonservice_main(name,PID_FILE_DIR,0,cb_service_main,param)", "cb_service_main_ex(param)", 0x90014,
-         "Invalid status.", "qmv_ns_failex.pid"},
-        {"Ostrel_NonService_Wrapper_CustomPath", [](const std::string &d) {
-             return Ostrel_NonService_Wrapper_CustomPath("cp", d.c_str(), start_ex_echo); },
-         "_nonservice_main(name,path,0,cb_service_main,0)", "_nonservice_main(name,path,0,cb_service_main,0)",
-         "cb_service_main_ex(param)", 0x90018, "Can not find specified item(node,element).", "custom/qmv_ns_cp.pid"},
-        {"Ostrel_NonService_Wrapper_CustomPath_Ex", [](const std::string &d) {
-             return Ostrel_NonService_Wrapper_CustomPath_Ex("cpx", d.c_str(), start_ex_echo,
-                                                            reinterpret_cast<void *>(0x90022));
-         },
-         "_nonservice_main(name,path,0,cb_service_main,param)",
-         "_nonservice_main(name,path,0,cb_service_main,param)", "cb_service_main_ex(param)", 0x90022,
-         "Data comparation failed.", "custom/qmv_ns_cpx.pid"},
-    };
-    {
-        // An old, longer pid file is truncated.
-        std::ofstream old(dir_ + "/" + cases[0].pid_file);
-        old << "123456789012345678901234567890\nleftover line\n";
+    std::ofstream(dir_ + "/qmv_ns_fail.pid") << "123456789012345678901234567890\nleftover line\n";
+    for (const auto &[run, code, pid_file, lines] : rows) {
+        SCOPED_TRACE(lines.front());
+        Child child(dir_, run);
+        const std::string started = std::to_string(child.pid), result = child.after("= ");
+        const std::string returned = result.substr(result.find(' ') + 1);
+        EXPECT_EQ(child.wait(), 0);
+        EXPECT_EQ(result.substr(0, result.find(' ')), code);
+        EXPECT_EQ(pid_file.empty() ? "" : read_file(dir_ + "/" + pid_file), pid_file.empty() ? "" : returned + "\n");
+        EXPECT_EQ(returned == started, pid_file.rfind("qmv_sv", 0) != 0) << "only the daemon form detaches";
+        size_t at = std::string::npos; // in this order, others allowed in between
+        for (const auto &l : lines) ASSERT_NE(at = child.got().find("\n" + l, at + 1), std::string::npos) << l << child.got();
+        EXPECT_EQ(child.got().find("--->cb_service_main") == std::string::npos, pid_file.empty());
+        if (const int daemon = std::atoi(read_file(dir_ + "/" + pid_file).c_str()); result == "?" && daemon > 0) kill(daemon, SIGKILL);
     }
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        Child child(dir_, [&] { return c.run(sub); });
-        const pid_t pid = child.pid();
-        EXPECT_EQ(child.result(), c.code);
-        EXPECT_EQ(child.wait_exit(), 0);
-        char code[16];
-        snprintf(code, sizeof code, "0x%x", c.code);
-        EXPECT_TRUE(child.has(LOG_LEVEL_TRACE, std::string("--->") + c.trace_label));
-        EXPECT_TRUE(child.has(LOG_LEVEL_TRACE, std::string("<---") + c.cb_label + "=" + code));
-        EXPECT_TRUE(child.has(LOG_LEVEL_ERROR, std::string("Error in _nonservice_main, ") + c.cb_label + "=" + code +
-                                                   ", [ostrel]" + c.text));
-        EXPECT_TRUE(child.has(LOG_LEVEL_TRACE, std::string("<===Exit _nonservice_main with ") + code));
-        EXPECT_TRUE(child.has(LOG_LEVEL_TRACE, std::string("<---") + c.trace_label + "=" + code));
-        EXPECT_TRUE(child.has(LOG_LEVEL_ERROR, std::string("Error in ") + c.name + ", " + c.error_label + "=" +
-                                                   code + ", [ostrel]" + c.text));
-        EXPECT_TRUE(child.has(LOG_LEVEL_TRACE, std::string("<===Exit ") + c.name + " with " + code));
-        EXPECT_EQ(read_file(dir_ + "/" + c.pid_file), std::to_string(pid) + "\n");
-    }
-}
-
-// Kills and reaps a process at the end of a scope, so a failed check never
-// leaves a daemon behind.
-struct Reaper {
-    pid_t pid = -1;
-    ~Reaper() {
-        if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-    }
-};
-
-std::string link_target(const std::string &path) {
-    char buf[PATH_MAX];
-    ssize_t n = readlink(path.c_str(), buf, sizeof buf - 1);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-}
-
-// The daemon form's grandchild must be reaped by this test process. User-mode
-// emulators do not pass PR_SET_CHILD_SUBREAPER on; there the tests are skipped.
-bool become_subreaper() { return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0; }
-
-TEST_F(ServiceTest, DaemonFormDetachesRunsInItsOwnSessionAndStopsBySignal) {
-    // Orphans of this test become its children, so the daemon can be reaped.
-    if (!become_subreaper()) GTEST_SKIP() << "no child subreaper here (e.g. under a user-mode emulator)";
-    Child launcher(dir_, [] { return Ostrel_Service_Wrapper("dmn", 0, nullptr, start_ok); });
-    const pid_t launcher_pid = launcher.pid();
-    int status = launcher.wait_exit();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the launching half exits at once";
-    ASSERT_TRUE(launcher.read_until("<---cb_service_main()=0x0"));
-    const std::string file = dir_ + "/qmv_sv_dmn.pid";
-    const std::string content = read_file(file);
-    Reaper daemon_proc{static_cast<pid_t>(std::atoi(content.c_str()))};
-    const pid_t pid = daemon_proc.pid;
-    ASSERT_GT(pid, 0);
-    EXPECT_EQ(content, std::to_string(pid) + "\n");
-    EXPECT_NE(pid, launcher_pid);
-    EXPECT_EQ(getsid(pid), pid);
-    EXPECT_EQ(lock_seen(file).l_pid, pid);
-    for (int fd = 0; fd < 3; ++fd)
-        EXPECT_EQ(link_target("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd)), "/dev/null");
-    char real[PATH_MAX];
-    ASSERT_NE(realpath(dir_.c_str(), real), nullptr);
-    EXPECT_EQ(link_target("/proc/" + std::to_string(pid) + "/cwd"), real);
-    EXPECT_TRUE(launcher.has(LOG_LEVEL_TRACE, "===>Enter _service_main"));
-    EXPECT_TRUE(launcher.has(LOG_LEVEL_TRACE, "--->_service_main(info,argc,argv,cb_service_main,0,0)"));
-    EXPECT_TRUE(launcher.has(LOG_LEVEL_TRACE, "pid file path=(./qmv_sv_dmn.pid)"));
-
-    ASSERT_EQ(kill(pid, SIGTERM), 0);
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    daemon_proc.pid = -1;
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
-    EXPECT_EQ(lock_seen(file).l_type, F_UNLCK);
-}
-
-TEST_F(ServiceTest, DaemonFormReturnsAFailingCallbacksCode) {
-    if (!become_subreaper()) GTEST_SKIP() << "no child subreaper here (e.g. under a user-mode emulator)";
-    Child launcher(dir_, [] {
-        return Ostrel_Service_Wrapper_Ex("dfail", 0, nullptr, start_ex_echo, reinterpret_cast<void *>(0x90014));
-    });
-    launcher.wait_exit();
-    // The daemon half writes the wrapper's result.
-    EXPECT_EQ(launcher.result(), 0x90014u);
-    const pid_t pid = static_cast<pid_t>(std::atoi(read_file(dir_ + "/qmv_sv_dfail.pid").c_str()));
-    ASSERT_GT(pid, 0);
-    int status = -1;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(launcher.has(LOG_LEVEL_ERROR,
-                             "Error in _service_main, cb_service_main_ex(param)=0x90014, [ostrel]Invalid status."));
-    EXPECT_TRUE(launcher.has(LOG_LEVEL_ERROR, "Error in Ostrel_Service_Wrapper_Ex, "
-                                              "_service_main(info,argc,argv,0,cb_service_main,param)=0x90014, "
-                                              "[ostrel]Invalid status."));
-    EXPECT_TRUE(launcher.has(LOG_LEVEL_TRACE, "<===Exit Ostrel_Service_Wrapper_Ex with 0x90014"));
-}
-
-TEST_F(ServiceTest, UnusablePidFilePathsAndANullCallbackAreRefused) {
-    {
-        Child c(dir_, [] { return Ostrel_NonService_Wrapper_CustomPath("x", "no/such/dir", start_ex_echo); });
-        EXPECT_EQ(c.result(), 0x90001u);
-        EXPECT_TRUE(c.has(LOG_LEVEL_ERROR, "Cannot open pid file no/such/dir/qmv_ns_x.pid: 2"));
-        EXPECT_TRUE(c.has(LOG_LEVEL_TRACE, "<===Exit _create_pid_file with 0xffffffff"));
-        EXPECT_TRUE(c.has(LOG_LEVEL_ERROR, "Create pid file failed."));
-        EXPECT_FALSE(c.has(LOG_LEVEL_TRACE, "--->cb_service_main_ex(param)"));
-    }
-    {
-        // A path that does not fit the library's 256-byte buffer.
-        Child c(dir_, [] { return Ostrel_NonService_Wrapper(std::string(300, 'n').c_str(), start_ok); });
-        EXPECT_EQ(c.result(), 0x90001u);
-        EXPECT_TRUE(c.has(LOG_LEVEL_ERROR, "Pid file path too long (314 bytes, at most 255)."));
-        EXPECT_TRUE(c.has(LOG_LEVEL_ERROR, "Create pid file failed."));
-        EXPECT_FALSE(c.has(LOG_LEVEL_TRACE, "--->cb_service_main()"));
-    }
-    {
-        Child c(dir_, [] { return Ostrel_Service_Wrapper("x", 0, nullptr, nullptr); });
-        EXPECT_EQ(c.result(), 0x9000Fu);
-        EXPECT_TRUE(c.has(LOG_LEVEL_ERROR, "Error in Ostrel_Service_Wrapper, assert(NULL != pfnStart) failed."));
-        EXPECT_TRUE(c.has(LOG_LEVEL_TRACE, "<===Exit Ostrel_Service_Wrapper with 0x9000f"));
-    }
-    // Nothing was created in the working directory.
-    EXPECT_EQ(tgtest::count_dir_entries(dir_.c_str()), 0);
+    EXPECT_EQ(tgtest::count_dir_entries(dir_.c_str()), 5); // four files in the default directory, and custom/
+    EXPECT_EQ(tgtest::count_dir_entries(sub.c_str()), 2);
 }
 
 } // namespace
