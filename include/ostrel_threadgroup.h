@@ -48,8 +48,9 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_NewThread(OstrelThreadGroupHandle hGroup,
 /* Asks every thread of the group to close. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup);
 
-/* Waits until every thread of the group has left it (returning within about
- * a millisecond of the last one), then frees the group. */
+/* Waits until every thread of the group has left it, then frees the group.
+ * The last thread to leave wakes it, so it returns as soon as that thread
+ * is out of the group. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup);
 
 /* The node's descriptor list and set. SetAdd takes any descriptor number
