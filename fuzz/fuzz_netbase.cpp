@@ -14,17 +14,17 @@
 //
 // A header may announce an extension of up to 4 GiB, which the receiver
 // reads through a bounded block, so any extension length is fed as it is.
-// A packet of up to the data limit received into handle-owned memory is
-// allocated before it is read; inputs that reach such a header with a length
-// over kAllocBound end the session there rather than spend the memory.
+// A packet received into handle-owned memory is allocated before it is read;
+// inputs that reach such a header with a length over kAllocBound end the
+// session there rather than spend the memory.
+//
+// The unit tests of netbase include this file: they drive the same model
+// with seeded inputs and use its header builder and loopback peer.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -33,43 +33,24 @@
 #include "ostrel_netbase.h"
 #include "fuzz_check.h"
 
-
 namespace {
 
-constexpr uint32_t kTimeout = 5000; // never reached: the peer's side is closed
-constexpr size_t kStreamMax = 16384; // fits the loopback buffers, so the peer never blocks
-constexpr uint32_t kAllocBound = 1u << 20;
-constexpr uint8_t kMagic = 0xA6;
+constexpr uint32_t kFuzzTimeout = 5000; // never reached: the peer's side is closed
+constexpr size_t kStreamMax = 16384;    // fits the loopback buffers, so the peer never blocks
+constexpr uint32_t kAllocBound = 1u << 20, kSkip = ~0u;
 
+struct Input { const uint8_t *p; size_t n; uint8_t byte() { return n == 0 ? 0 : (--n, *p++); } };
 
-struct Input {
-    const uint8_t *p;
-    size_t n;
-    uint8_t byte() {
-        if (n == 0) return 0;
-        --n;
-        return *p++;
-    }
-};
-
-void put32(std::string &s, uint32_t v, bool big) {
-    for (int i = 0; i < 4; ++i) s += static_cast<char>(v >> (big ? 24 - 8 * i : 8 * i));
+// A 12-byte header with its two lengths in the given byte order.
+std::string header(uint8_t b0, uint8_t r1, uint8_t r2, uint8_t version, uint32_t ex, uint32_t data, bool big) {
+    std::string s{static_cast<char>(b0), static_cast<char>(r1), static_cast<char>(r2), static_cast<char>(version)};
+    for (uint32_t v : {ex, data})
+        for (int i = 0; i < 4; ++i) s += static_cast<char>(v >> (big ? 24 - 8 * i : 8 * i));
+    return s;
 }
 
 uint32_t get32(const uint8_t *p, bool big) {
-    uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(p[i]) << (big ? 24 - 8 * i : 8 * i);
-    return v;
-}
-
-void header(std::string &s, uint8_t b0, uint8_t r1, uint8_t r2, uint8_t version, uint32_t ex, uint32_t data,
-            bool big) {
-    s += static_cast<char>(b0);
-    s += static_cast<char>(r1);
-    s += static_cast<char>(r2);
-    s += static_cast<char>(version);
-    put32(s, ex, big);
-    put32(s, data, big);
+    return big ? uint32_t{p[0]} << 24 | p[1] << 16 | p[2] << 8 | p[3] : uint32_t{p[3]} << 24 | p[2] << 16 | p[1] << 8 | p[0];
 }
 
 // The stream as the receiver must see it.
@@ -78,119 +59,86 @@ struct Model {
     size_t pos = 0;
     uint32_t peer = 0;
 
-    size_t left() const { return s.size() - pos; }
-    const uint8_t *at() const { return reinterpret_cast<const uint8_t *>(s.data()) + pos; }
+    // Version 0 with a reserved byte set, or a wrong magic.
+    static bool malformed(const uint8_t *h) { return (h[3] == 0 && (h[1] | h[2]) != 0) || (h[0] & 0xFE) != 0xA6; }
 
     uint32_t handshake() {
-        if (left() < 12) return OSL_ERR_UNKNOWN;
-        const uint8_t *h = at();
-        pos += 12;
-        for (int i = 4; i < 12; ++i)
-            if (h[i] != 0) return OSL_ERR_INVALID_DATA;
-        if (h[3] == 0 && (h[1] != 0 || h[2] != 0)) return OSL_ERR_INVALID_DATA;
-        if ((h[0] & 0xFE) != kMagic) return OSL_ERR_INVALID_DATA;
+        const auto *h = reinterpret_cast<const uint8_t *>(s.data());
+        if (s.size() < 12) return OSL_ERR_UNKNOWN;
+        pos = 12;
         peer = h[0] & 1u;
-        return 0;
+        return get32(h + 4, false) != 0 || get32(h + 8, false) != 0 || malformed(h) ? OSL_ERR_INVALID_DATA : 0;
     }
 
-    // Predicts one receive. cap < 0: into handle-owned memory. Sets *skip
-    // when the call would allocate more than the bound for the data.
-    uint32_t receive(int64_t cap, std::string *data, bool *skip) {
-        *skip = false;
-        if (left() < 12) return OSL_ERR_UNKNOWN;
-        const uint8_t *h = at();
-        uint32_t bad = 0;
-        if (h[3] == 0 && (h[1] != 0 || h[2] != 0))
-            bad = OSL_ERR_INVALID_DATA;
-        else if ((h[0] & 0xFE) != kMagic)
-            bad = OSL_ERR_INVALID_DATA;
-        else if ((h[0] & 1u) != peer)
-            bad = OSL_ERR_INVALID_FORMAT;
-        if (bad != 0) {
-            pos += 12;
-            return bad;
-        }
+    // Predicts one receive into a buffer of `cap` bytes, or into handle-owned
+    // memory when cap < 0: kSkip when that would take more than the bound.
+    uint32_t receive(int64_t cap, std::string *data) {
+        const auto *h = reinterpret_cast<const uint8_t *>(s.data()) + pos;
+        if (s.size() - pos < 12) return OSL_ERR_UNKNOWN;
+        const bool refused = malformed(h) || (h[0] & 1u) != peer;
         const uint32_t ex = get32(h + 4, peer != 0), len = get32(h + 8, peer != 0);
-        if (cap < 0 && len <= NETBASE_PACKET_LENGTH_MAX && len > kAllocBound) {
-            *skip = true;
-            return 0;
-        }
+        if (!refused && cap < 0 && len <= NETBASE_PACKET_LENGTH_MAX && len > kAllocBound) return kSkip;
         pos += 12;
+        if (refused) return malformed(h) ? OSL_ERR_INVALID_DATA : OSL_ERR_INVALID_FORMAT;
         if (len > NETBASE_PACKET_LENGTH_MAX) return OSL_ERR_INVALID_LENGTH;
-        if (left() < ex) return OSL_ERR_UNKNOWN;
+        if (s.size() - pos < ex) return OSL_ERR_UNKNOWN;
         pos += ex;
-        if (cap >= 0 && len > static_cast<uint64_t>(cap)) return OSL_ERR_NO_MEMORY; // data left unread
-        if (left() < len) return OSL_ERR_UNKNOWN;
+        if (cap >= 0 && len > cap) return OSL_ERR_NO_MEMORY; // data left unread
+        if (s.size() - pos < len) return OSL_ERR_UNKNOWN;
         data->assign(s, pos, len);
         pos += len;
         return 0;
     }
 };
 
-// Builds the peer's stream from the input. Returns the receive method of
-// each call (true: the caller's buffer).
-std::vector<bool> build(Input &in, Model &m, uint8_t cfg) {
-    const bool peer_big = (cfg & 2) != 0;
-    if (cfg & 4) {
+// Builds the peer's stream from the input.
+void build(Input &in, Model &m, uint8_t cfg) {
+    const bool big = (cfg & 2) != 0;
+    const uint8_t order = 0xA6 | (big ? 1 : 0);
+    if (cfg & 4)
         for (int i = 0; i < 12; ++i) m.s += static_cast<char>(in.byte());
-    } else {
-        header(m.s, kMagic | (peer_big ? 1 : 0), 0, 0, 0, 0, 0, false);
-    }
-    std::vector<bool> methods;
+    else
+        m.s += header(order, 0, 0, 0, 0, 0, false);
     while (in.n > 0 && m.s.size() < kStreamMax) {
-        const uint8_t f = in.byte();
-        methods.push_back((f & 8) != 0);
-        const uint8_t order = kMagic | (peer_big ? 1 : 0);
+        const uint8_t kind = in.byte() & 7u;
         const uint32_t ex = in.byte() % 24u; // both sides of the 16-byte local area
         uint32_t len = (in.byte() | static_cast<uint32_t>(in.byte()) << 8) & 0x1FFFu;
-        switch (f & 7u) {
-        case 3: // written in the other byte order
-            header(m.s, order ^ 1, 0, 0, 0, ex, len, !peer_big);
-            break;
-        case 4: { // cut short: the stream ends inside the packet
-            header(m.s, order, 0, 0, 0, ex, len, peer_big);
+        if (kind == 5) { // raw bytes
+            for (size_t n = in.byte() % 32u; n > 0; --n) m.s += static_cast<char>(in.byte());
+            continue;
+        }
+        const bool other = kind == 3; // written in the other byte order
+        const uint8_t r1 = kind == 7 ? in.byte() : 0, version = kind == 7 ? in.byte() : 0; // reserved bytes or a version
+        if (kind == 6) len = NETBASE_PACKET_LENGTH_MAX + 1u + in.byte(); // over the data limit
+        m.s += header(order ^ other, r1, 0, version, ex, len, big != other);
+        if (kind == 6) continue;
+        if (kind == 4) { // cut short: the stream ends inside the packet
             m.s.append(ex + len / 2, 'c');
-            return methods;
-        }
-        case 5: { // raw bytes
-            const size_t n = in.byte() % 32u;
-            for (size_t i = 0; i < n; ++i) m.s += static_cast<char>(in.byte());
-            continue;
-        }
-        case 6: // over the data limit
-            len = NETBASE_PACKET_LENGTH_MAX + 1u + in.byte();
-            header(m.s, order, 0, 0, 0, ex, len, peer_big);
-            continue;
-        case 7: { // reserved bytes or a version
-            const uint8_t r1 = in.byte(), version = in.byte();
-            header(m.s, order, r1, 0, version, ex, len, peer_big);
-            break;
-        }
-        default:
-            header(m.s, order, 0, 0, 0, ex, len, peer_big);
-            break;
+            return;
         }
         m.s.append(ex, 'e');
         for (uint32_t i = 0; i < len; ++i) m.s += static_cast<char>(in.n ? in.byte() : i);
     }
-    return methods;
 }
 
 NetbaseCtx *g_listen = nullptr;
 uint32_t g_port = 0;
 
-int connect_peer() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    check(fd >= 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(g_port));
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    check(connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0);
-    // Closing resets the connection: no TIME_WAIT left behind per input.
-    linger lg{1, 0};
-    check(setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg) == 0);
-    return fd;
+// A plain socket connected to a loopback port, or -1.
+int connect_peer(uint32_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in sa{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+void send_all(int fd, const std::string &s) {
+    for (size_t off = 0; off < s.size();) {
+        const ssize_t n = send(fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
+        check(n > 0);
+        off += static_cast<size_t>(n);
+    }
 }
 
 } // namespace
@@ -205,57 +153,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Input in{data, size};
     const uint8_t cfg = in.byte();
     Model m;
-    const std::vector<bool> methods = build(in, m, cfg);
-    const int32_t cap = (cfg >> 3) * 331; // 0 .. 10261 bytes
-
-    const int fd = connect_peer();
+    build(in, m, cfg);
+    const int32_t cap = ((cfg >> 3) & 15) * 683; // 0 .. 10245 bytes
+    const int fd = connect_peer(g_port);
+    const linger reset{1, 0}; // closing resets the connection: no TIME_WAIT left behind per input
+    check(fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset) == 0);
     NetbaseCtx *h = nullptr;
-    check(netbase_accept(g_listen, &h, kTimeout) == 0 && h != nullptr);
-    for (size_t off = 0; off < m.s.size();) {
-        const ssize_t n = send(fd, m.s.data() + off, m.s.size() - off, MSG_NOSIGNAL);
-        check(n > 0);
-        off += static_cast<size_t>(n);
-    }
-    check(shutdown(fd, SHUT_WR) == 0);
-
-    check(netbase_set_big_endian(cfg & 1) == 0);
-    uint32_t rc = netbase_server_handshake(h, kTimeout);
+    check(netbase_accept(g_listen, &h, kFuzzTimeout) == 0 && h != nullptr);
+    send_all(fd, m.s);
+    check(shutdown(fd, SHUT_WR) == 0 && netbase_set_big_endian(cfg & 1) == 0);
+    uint32_t rc = netbase_server_handshake(h, kFuzzTimeout);
     check(rc == m.handshake());
     std::vector<uint8_t> buf(static_cast<size_t>(cap) + 64);
     for (size_t call = 0; rc == 0 || rc == OSL_ERR_NO_MEMORY; ++call) {
-        const bool into_buf = call < methods.size() ? methods[call] : call % 2 == 0;
+        const bool into_buf = (call + (cfg >> 7)) % 2 == 0; // the caller's buffer, or handle-owned memory
         std::string want;
-        bool skip = false;
-        const uint32_t expect = m.receive(into_buf ? cap : -1, &want, &skip);
-        if (skip) break;
-        if (into_buf) {
-            memset(buf.data(), 0xEE, buf.size());
-            int32_t got = cap;
-            rc = netbase_receive_packet_buf(h, buf.data(), &got, kTimeout);
-            check(rc == expect);
-            if (rc == 0) {
-                check(got >= 0 && static_cast<size_t>(got) == want.size());
-                check(memcmp(buf.data(), want.data(), want.size()) == 0);
-            } else {
-                check(got == cap);
-            }
-            // Past the packet nothing is written; a packet refused before its
-            // data is read leaves the whole buffer alone. (A connection lost
-            // in the middle of the data may leave part of it.)
-            if (rc != OSL_ERR_UNKNOWN)
-                for (size_t i = rc == 0 ? want.size() : 0; i < buf.size(); ++i) check(buf[i] == 0xEE);
-        } else {
-            void *p = nullptr;
-            int32_t got = -1;
-            rc = netbase_receive_packet(h, &p, &got, kTimeout);
-            check(rc == expect);
-            if (rc == 0) {
-                check(p != nullptr && got >= 0 && static_cast<size_t>(got) == want.size());
-                check(memcmp(p, want.data(), want.size()) == 0);
-            }
-        }
+        const uint32_t expect = m.receive(into_buf ? cap : -1, &want);
+        if (expect == kSkip) break;
+        memset(buf.data(), 0xEE, buf.size());
+        void *p = buf.data();
+        int32_t got = cap;
+        rc = into_buf ? netbase_receive_packet_buf(h, p, &got, kFuzzTimeout) : netbase_receive_packet(h, &p, &got, kFuzzTimeout);
+        check(rc == expect && (rc == 0 ? static_cast<size_t>(got) == want.size() && memcmp(p, want.data(), want.size()) == 0 : got == cap));
+        // Past the packet nothing is written; a packet refused before its
+        // data is read leaves the whole buffer alone. (A connection lost in
+        // the middle of the data may leave part of it.)
+        if (into_buf && rc != OSL_ERR_UNKNOWN)
+            for (size_t i = rc == 0 ? want.size() : 0; i < buf.size(); ++i) check(buf[i] == 0xEE);
     }
-    check(netbase_close(h) == 0);
-    close(fd);
+    check(netbase_close(h) == 0 && close(fd) == 0);
     return 0;
 }

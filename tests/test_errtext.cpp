@@ -1,77 +1,79 @@
-// Error texts, module names and the last error.
+// Error texts and module names of every code family, the last error around
+// the call frame, and the frame's helpers: the tail-keeping copy, the raw file
+// append and the log context opened at load time.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
 #include <set>
 #include <string>
 
 #include "osl_internal.h"
 #include "ostrel_error.h"
-#include "ostrel_list.h"
 
 namespace {
 
-std::string text(uint32_t code) { return Ostrel_GetErrorText(code); }
+constexpr const char *kUnregistered = "Unregisted errno.";
 
-TEST(ErrorText, GenericTextsIgnoreModuleAndBits14To8) {
-    EXPECT_EQ(text(0x9000F), "Invalid parameter.");
-    EXPECT_EQ(text(0x0000F), "Invalid parameter.");
-    EXPECT_EQ(text(0xA000F), "Invalid parameter.");
-    EXPECT_EQ(text(0x9010F), "Invalid parameter.");
-    EXPECT_EQ(text(0x97F10), "Invalid handle.");
-    EXPECT_EQ(text(0x90001), "Unknown error.");
-    EXPECT_EQ(text(0x90034), "Invalid serial no.");
-    EXPECT_EQ(text(0x90018), "Can not find specified item(node,element).");
-    EXPECT_EQ(text(0x9002B), "Async worker is busy, can not start more task.");
-}
-
-TEST(ErrorText, CodesWithoutTextAreUnregistered) {
-    for (uint32_t code : {0x0u, 0x90000u, 0x90035u, 0x900FFu, 0x90100u, 0x4000000Fu, 0xFFFFFFFFu, 0x3FF8004u,
-                          0x98001u, 0x3FF8000u})
-        EXPECT_EQ(text(code), "Unregisted errno.") << std::hex << code;
-}
-
-TEST(ErrorText, EveryGenericNumberHasItsOwnText) {
-    // 1..52 all have distinct, non-empty texts; the table has no gaps or repeats.
-    std::set<std::string> seen;
+TEST(ErrorText, GenericNumbersHaveTextsOfTheirOwnInEveryModuleWhateverBits14To8) {
+    std::set<std::string> texts;
     for (uint32_t n = 1; n <= 52; ++n) {
-        std::string t = text(0x90000 | n);
-        EXPECT_NE(t, "Unregisted errno.") << n;
-        EXPECT_FALSE(t.empty());
-        EXPECT_EQ(t.back(), '.') << n;
-        seen.insert(t);
+        const std::string text = Ostrel_GetErrorText(n);
+        EXPECT_TRUE(texts.insert(text).second && text != kUnregistered && text.back() == '.') << n;
+        for (uint32_t other : {0x90000u, 0xA0000u, 0x1230000u, 0x3FF0000u, 0x100u, 0x2A00u, 0x7F00u, 0x3FF7F00u})
+            EXPECT_EQ(Ostrel_GetErrorText(other | n), text) << std::hex << (other | n);
     }
-    EXPECT_EQ(seen.size(), 52u);
 }
 
-TEST(ErrorText, ModuleSpecificTextsNeedTheWholeCode) {
-    EXPECT_EQ(text(0x3FF8001), "[demo]TEST1.");
-    EXPECT_EQ(text(0x3FF8002), "[demo]TEST2.");
-    EXPECT_EQ(text(0x3FF8003), "[demo]TEST3.");
-    EXPECT_EQ(text(0x3FF8102), "Unregisted errno."); // bits 14..8 matter here
-    EXPECT_EQ(text(0x0008002), "Unregisted errno.");
+TEST(ErrorText, OtherCodesAndModuleNames) {
+    const char *U = kUnregistered;
+    const struct { uint32_t code; const char *text, *module; } rows[] = {
+        {0x90001, "Unknown error.", "ostrel"}, {0x9000F, "Invalid parameter.", "ostrel"}, {0x90010, "Invalid handle.", "ostrel"},
+        {0xA0018, "Can not find specified item(node,element).", "netbase"}, {0x90034, "Invalid serial no.", "ostrel"},
+        {0x2B, "Async worker is busy, can not start more task.", "base"}, {0x3FF0006, "Not enough memory.", "demo"},
+        // No generic text: 0 (success), 0 or above 52 in bits 7..0, module ids past 1023.
+        {0x0, U, "base"}, {0x90000, U, "ostrel"}, {0x90035, U, "ostrel"}, {0x900FF, U, "ostrel"}, {0xA0100, U, "netbase"},
+        {0x400000F, U, "???"}, {0x4000000F, U, "???"}, {0xFFFFFFFF, U, "???"}, {0x10001, "Unknown error.", "???"},
+        {0x3FE0001, "Unknown error.", "???"},
+        // Module-specific: the whole code counts.
+        {0x3FF8001, "[demo]TEST1.", "demo"}, {0x3FF8002, "[demo]TEST2.", "demo"}, {0x3FF8003, "[demo]TEST3.", "demo"},
+        {0x3FF8004, U, "demo"}, {0x3FF8000, U, "demo"}, {0x3FF8102, U, "demo"}, {0x98001, U, "ostrel"}, {0x8002, U, "base"},
+    };
+    for (const auto &r : rows) {
+        EXPECT_STREQ(Ostrel_GetErrorText(r.code), r.text) << std::hex << r.code;
+        EXPECT_STREQ(Local_GetErrModule(r.code), r.module) << std::hex << r.code;
+        g_OSL_errno = r.code; // the last error's text is that of the code, and reading it changes nothing
+        EXPECT_TRUE(Ostrel_GetLastErrorText() == Ostrel_GetErrorText(r.code) && Ostrel_GetLastError() == r.code);
+    }
 }
 
-TEST(ErrorText, ModuleNames) {
-    EXPECT_STREQ(Local_GetErrModule(0x9000F), "ostrel");
-    EXPECT_STREQ(Local_GetErrModule(0xA0001), "netbase");
-    EXPECT_STREQ(Local_GetErrModule(0x0000F), "base");
-    EXPECT_STREQ(Local_GetErrModule(0x3FF0000), "demo");
-    EXPECT_STREQ(Local_GetErrModule(0x3FFFFFF), "demo");
-    EXPECT_STREQ(Local_GetErrModule(0x3FE0000), "???");
-    EXPECT_STREQ(Local_GetErrModule(0xFFFF0000), "???");
-}
+TEST(Frame, StrrncpyKeepsTheTailAndRawAppendAppends) {
+    const std::string path = std::string(100, 'd') + "/file.cpp";
+    // Source, bound, then all 9 bytes of a destination that starts as '#'s.
+    const struct { const char *src; size_t n; std::string want; } rows[] = {
+        {"abcdef", 4, {"def\0#####", 9}}, {"abcd", 4, {"bcd\0#####", 9}}, {"abc", 4, {"abc\0#####", 9}},
+        {"ab", 4, {"ab\0######", 9}},     {"abc", 1, {"\0########", 9}},  {"abc", 0, "#########"},
+        {nullptr, 4, "#########"},        {path.c_str(), 9, {"file.cpp\0", 9}},
+    };
+    for (const auto &r : rows) {
+        char dst[9];
+        memset(dst, '#', sizeof dst);
+        EXPECT_EQ(strrncpy(dst, r.src, r.n), dst);
+        EXPECT_EQ(std::string(dst, sizeof dst), r.want) << (r.src ? r.src : "null") << " " << r.n;
+    }
+    EXPECT_EQ(strrncpy(nullptr, "abc", 4), nullptr);
 
-TEST(ErrorText, LastErrorTextFollowsTheLastCall) {
-    OstrelListHandle list = nullptr;
-    ASSERT_EQ(Ostrel_List_Create(&list, NODE_STORAGE_REFERENCE), 0u);
-    EXPECT_EQ(Ostrel_List_GetNode(list, 0, nullptr, nullptr), OSL_ERR_NOT_FOUND);
-    EXPECT_EQ(Ostrel_GetLastError(), OSL_ERR_NOT_FOUND);
-    EXPECT_STREQ(Ostrel_GetLastErrorText(), "Can not find specified item(node,element).");
-    // Reading the text does not change the last error.
-    EXPECT_EQ(Ostrel_GetLastError(), OSL_ERR_NOT_FOUND);
-    ASSERT_EQ(Ostrel_List_Destroy(list), 0u);
-    EXPECT_EQ(Ostrel_GetLastError(), 0u);
-    EXPECT_STREQ(Ostrel_GetLastErrorText(), "Unregisted errno.");
+    const std::string file = ::testing::TempDir() + "ostrel_raw_" + std::to_string(getpid());
+    unlink(file.c_str());
+    OSL_Log_RecordToFile_Raw_V(file.c_str(), "first %d", 1);
+    OSL_Log_RecordToFile_Raw_V(file.c_str(), "|second %s\n", "two");
+    std::ifstream in(file);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "first 1|second two\n");
+    unlink(file.c_str());
+    OSL_Log_RecordToFile_Raw_V("/nonexistent-dir/x.txt", "%s", "lost"); // silently nothing
+    EXPECT_NE(_hErvix_LogContext, 0u);                                   // opened at load time
 }
 
 } // namespace
