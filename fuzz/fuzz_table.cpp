@@ -1,338 +1,298 @@
-// Random sequences of table operations checked against a model.
+// Random sequences of table operations checked against a model (a std::map,
+// the sorted list and the bucket range worked out again). tests/test_table.cpp
+// runs the same model over seeded inputs for every key type, storage mode and
+// sort order.
 //
-// The first byte picks the key type, the storage mode, insertion or key
-// order, and the bucket range; the next two the refresh threshold and step.
-// Then each operation takes an opcode byte and its key and value bytes: add,
-// get, update, delete, a wrong-form call, a range change, and walks in the
-// three orders with deletes and updates marked during the walk and changes
-// that the open iterator must refuse. Keys come from a small alphabet so
-// that duplicates, collisions and growth happen often.
-//
-// After every operation the count and the table's own link check must agree
-// with the model; every get returns the model's bytes; sorted walks visit
-// the nodes in the model's order (insertion order: newest first, updates
-// keep their place; string key order: strcmp order); every walk visits each
-// node once. Leaks show through the sanitizer at the end of each input.
+// Input: a configuration byte (bits 0-1 key type, bit 2 copy mode, bits 4-6
+// bucket range, bit 7 key order), the refresh threshold (0: the default) and
+// step (9 modulo 10: the default), then operations: an opcode byte, two key
+// bytes and the value bytes. Adds, gets, updates and deletes; calls in the form
+// of another key type; changes of range, threshold, step and sort function,
+// refused ones included, the sort function also right after emptying the
+// table; walks in the three orders that mark deletes and updates as they go.
+// Before every walk and after every operation the count, the range, every
+// link of the table, and a walk of the sorted list with every value must
+// agree with the model.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "ostrel_common.h"
 #include "ostrel_table.h"
 #include "fuzz_check.h"
 
 const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
+uintptr_t __OSL_Table_GetByteArrayIndex(const void *pKey, uint32_t uiKeyLength);
 
+namespace table_model {
 
-namespace {
+struct Limits { int ops; uint32_t keys; }; // operations per input at most, distinct keys to draw from
 
-constexpr uint32_t kNotFound = OSL_ERR_NOT_FOUND;
-constexpr uint32_t kDuplicate = OSL_ERR_DUPLICATE_KEY;
-constexpr uint32_t kBusy = OSL_ERR_SYSTEM_BUSY;
-constexpr uint32_t kBadArg = OSL_ERR_INVALID_PARAMETER;
-
-
-struct Input {
-    const uint8_t *p;
-    size_t n;
-    bool empty() const { return n == 0; }
-    uint8_t byte() {
-        if (n == 0) return 0;
-        --n;
-        return *p++;
-    }
-};
-
-// Key bytes as the model keeps them: the string without its NUL, the bytes of
-// a byte array, or the 8 bytes of a pointer value.
+// A key as bytes: a string without its NUL, a byte array, or a pointer value.
 using Key = std::string;
+// A value as the table should hold it: its own copy of the bytes, or the
+// caller's pointer and length as given.
+struct Value { bool own = false; std::string bytes; const void *ptr = nullptr; uint32_t len = 0; };
 
-class TableUnderTest {
+enum { kAdd, kGet, kUpdate, kDel };
+// Sorted-list orders: newest first, by key, by the string order that an
+// emptied table set back to the default keeps, and a caller's order that puts
+// each new node last.
+enum Order { kInsertion, kKey, kString, kAppend };
+inline int32_t append_order(const void *, uint32_t, const void *, uint32_t) { return -1; }
+
+class Model {
 public:
-    explicit TableUnderTest(int key_type) : type_(key_type) {}
+    Model(const uint8_t *p, size_t n, Limits lim) : p_(p), n_(n), lim_(lim) {}
 
-    int type() const { return type_; }
-
-    Key make_key(Input &in) const {
-        const uint8_t b = in.byte();
-        if (type_ == TABLE_KEY_POINTER) {
-            uintptr_t v = static_cast<uintptr_t>(b % 24u) * (b & 0x80u ? 0x100000001u : 1u); // null included
-            return Key(reinterpret_cast<const char *>(&v), sizeof v);
+    // Runs the input; returns the largest number of nodes the table held.
+    size_t run() {
+        const uint8_t cfg = byte(), threshold = byte(), step = byte();
+        type_ = 1u + (cfg & 3u) % 3u;
+        storage_ = cfg >> 2 & 1;
+        range_ = step_ = 1u + (cfg >> 4 & 7u) * 3u;
+        check(Ostrel_Table_Create(&h_, range_, storage_) == 0);
+        if (threshold != 0) set(TABLE_PROP_REFRESH_THRESHOLD, thr_ = 1u + threshold * 4u % 1000u);
+        if (step % 10 != 9) set(TABLE_PROP_REFRESH_STEP, step_ = step % 10u);
+        if (cfg & 0x80) set(TABLE_PROP_SORT_FUNCTION, 0), order_ = kKey;
+        size_t peak = 0;
+        for (int i = 0; i < lim_.ops && n_ != 0; ++i) {
+            const uint32_t o = byte(), high = byte();
+            const Key k = key_of((high << 8 | byte()) % lim_.keys);
+            const bool present = values_.count(k) != 0;
+            auto v = value();
+            void *got = nullptr;
+            uint32_t got_len = 0;
+            if (o % 16 < 13) {
+                const int op = o % 16 < 6 ? kAdd : o % 16 < 8 ? kGet : o % 16 < 11 ? kUpdate : kDel;
+                const uint32_t want = op == kAdd ? (present ? OSL_ERR_DUPLICATE_KEY : 0u) : (present ? 0u : OSL_ERR_NOT_FOUND);
+                void *held = nullptr; // a value the node holds: given back in part, or kept in place by a value that fits
+                if (op == kUpdate && present && values_[k].own) check(call(kGet, type_, k, nullptr, 0, &held, &got_len) == 0);
+                if (held != nullptr && o >> 4 == 0) v = {held, got_len / 2};
+                const Value e = expect(v.first, v.second, false);
+                check(call(op, type_, k, v.first, v.second, &got, &got_len) == want);
+                check(op != kGet || !present || matches(values_[k], got, got_len));
+                if (op == kAdd && !present) insert(k, e), fixed_ = true;
+                if (op == kUpdate && present) values_[k] = e;
+                if (op == kDel && present) erase(k);
+                if (held != nullptr && e.own && storage_ == NODE_STORAGE_COPY)
+                    check(call(kGet, type_, k, nullptr, 0, &got, nullptr) == 0 && (got == held) == (v.second <= got_len));
+            } else if (o % 16 == 13) { // another form is refused once the key type is fixed
+                check(!fixed_ || call(o / 16 % 4, 1u + (type_ + o / 64 % 2) % 3u, k, v.first, v.second, &got, &got_len) == OSL_ERR_INVALID_PARAMETER);
+            } else if (o % 16 == 14) {
+                const uint32_t mode = byte() % 3u;
+                walk(mode, byte() % (values_.size() + 2), 1);
+            } else {
+                property(o >> 4, byte());
+            }
+            walk(TABLE_ITERATE_FORWARD, values_.size() + 1, 0);
+            peak = std::max(peak, values_.size());
         }
-        const size_t len = type_ == TABLE_KEY_STRING ? b % 5u : 1u + b % 5u;
-        Key k;
-        for (size_t i = 0; i < len; ++i) k += static_cast<char>('a' + in.byte() % 3u);
-        return k;
-    }
-
-    static const void *ptr_of(const Key &k) {
-        uintptr_t v;
-        memcpy(&v, k.data(), sizeof v);
-        return reinterpret_cast<const void *>(v);
-    }
-
-    // Calls the form of the table's key type, or of another one if asked.
-    uint32_t add(void *t, const Key &k, const void *v, uint32_t len, int form) const {
-        switch (form) {
-        case TABLE_KEY_STRING: return Ostrel_Table_String_AddNode(t, k.c_str(), v, len);
-        case TABLE_KEY_POINTER: return Ostrel_Table_Pointer_AddNode(t, ptr_of(pad(k)), v, len);
-        default: return Ostrel_Table_ByteArray_AddNode(t, k.data(), size32(k), v, len);
-        }
-    }
-    uint32_t get(void *t, const Key &k, void **v, uint32_t *len, int form) const {
-        switch (form) {
-        case TABLE_KEY_STRING: return Ostrel_Table_String_GetNode(t, k.c_str(), v, len);
-        case TABLE_KEY_POINTER: return Ostrel_Table_Pointer_GetNode(t, ptr_of(pad(k)), v, len);
-        default: return Ostrel_Table_ByteArray_GetNode(t, k.data(), size32(k), v, len);
-        }
-    }
-    uint32_t update(void *t, const Key &k, const void *v, uint32_t len) const {
-        switch (type_) {
-        case TABLE_KEY_STRING: return Ostrel_Table_String_UpdateNode(t, k.c_str(), v, len);
-        case TABLE_KEY_POINTER: return Ostrel_Table_Pointer_UpdateNode(t, ptr_of(k), v, len);
-        default: return Ostrel_Table_ByteArray_UpdateNode(t, k.data(), size32(k), v, len);
-        }
-    }
-    uint32_t del(void *t, const Key &k) const {
-        switch (type_) {
-        case TABLE_KEY_STRING: return Ostrel_Table_String_DelNode(t, k.c_str());
-        case TABLE_KEY_POINTER: return Ostrel_Table_Pointer_DelNode(t, ptr_of(k));
-        default: return Ostrel_Table_ByteArray_DelNode(t, k.data(), size32(k));
-        }
-    }
-    // One step; false at the end of the walk.
-    bool step(void *it, Key &k, void **v, uint32_t *len) const {
-        uint32_t rc;
-        switch (type_) {
-        case TABLE_KEY_STRING: {
-            const char *s = nullptr;
-            rc = Ostrel_Table_String_Iterate(it, &s, v, len);
-            if (s != nullptr) k.assign(s);
-            check(rc == 0);
-            return s != nullptr;
-        }
-        case TABLE_KEY_POINTER: {
-            const void *p = nullptr;
-            rc = Ostrel_Table_Pointer_Iterate(it, &p, v, len);
-            const uintptr_t u = reinterpret_cast<uintptr_t>(p);
-            k.assign(reinterpret_cast<const char *>(&u), sizeof u);
-            check(rc == 0);
-            return true; // the null key is a key here: the caller counts steps
-        }
-        default: {
-            const void *p = nullptr;
-            uint32_t kl = 0;
-            rc = Ostrel_Table_ByteArray_Iterate(it, &p, &kl, v, len);
-            if (p != nullptr) k.assign(static_cast<const char *>(p), kl);
-            check(rc == 0);
-            return p != nullptr;
-        }
-        }
+        check(Ostrel_Table_Destroy(h_) == 0);
+        return peak;
     }
 
 private:
-    static uint32_t size32(const Key &k) { return static_cast<uint32_t>(k.size()); }
-    // A key of another type used with the pointer form: any 8 bytes do.
-    static Key pad(const Key &k) {
-        Key p = k;
-        p.resize(sizeof(uintptr_t), '\0');
-        return p;
+    uint8_t byte() { return n_ == 0 ? 0 : (--n_, *p_++); }
+    void set(int prop, uintptr_t v) { check(Ostrel_Table_SetProperty(h_, prop, v) == 0); }
+
+    // Growth after an add or a threshold change (forced: after a range change,
+    // also at the new range itself).
+    void refresh(bool forced) {
+        if (values_.size() * 100 / range_ > thr_ && (forced || (range_ < TABLE_RANGE_MAX && step_ != 0)))
+            range_ = std::min(range_ + step_, static_cast<uint32_t>(TABLE_RANGE_MAX));
+    }
+    // Sort function (which = 0 empties the table first), range, threshold or
+    // step; values out of range are refused and change nothing.
+    void property(uint32_t which, uint32_t b) {
+        if (which < 2) {
+            if (which == 0) walk(TABLE_ITERATE_FORWARD, values_.size() + 1, 2);
+            const uintptr_t fn = b & 1 ? reinterpret_cast<uintptr_t>(&append_order) : 0;
+            check(Ostrel_Table_SetProperty(h_, TABLE_PROP_SORT_FUNCTION, fn) == (values_.empty() ? 0 : OSL_ERR_NOT_EMPTY));
+            // A new table takes its key type's order at the first add, whatever was set.
+            if (values_.empty()) order_ = !fixed_ ? kKey : fn ? kAppend : kString;
+            return;
+        }
+        const int prop = which < 7 ? TABLE_PROP_RANGE : which < 12 ? TABLE_PROP_REFRESH_THRESHOLD : TABLE_PROP_REFRESH_STEP;
+        const uint32_t v = b >= 250 ? b * 40 : prop == TABLE_PROP_REFRESH_THRESHOLD ? b % 64 * 4
+                           : prop == TABLE_PROP_RANGE ? (b & 1 ? range_ + b % 8 : 1 + b % 64) : b % 9;
+        const bool bad = prop == TABLE_PROP_REFRESH_THRESHOLD ? v == 0 || v > 1000 : v > TABLE_RANGE_MAX;
+        check(Ostrel_Table_SetProperty(h_, prop, v) == (bad ? OSL_ERR_INVALID_PARAMETER : 0));
+        if (!bad && prop == TABLE_PROP_REFRESH_STEP) step_ = v;
+        if (!bad && prop == TABLE_PROP_REFRESH_THRESHOLD) thr_ = v, refresh(false);
+        if (!bad && prop == TABLE_PROP_RANGE && v > range_) range_ = v, refresh(true); // the range never shrinks
     }
 
-    int type_;
-};
+    // Key number i: a pointer, two of each low half, or a string of "abc"
+    // (byte arrays: of NUL, 'a' and 'b') counted shortest first, so that keys
+    // are often prefixes of one another.
+    Key key_of(uint32_t i) const {
+        const uintptr_t pointer = (i >> 1) * 8 + (i & 1) * static_cast<uintptr_t>(0x10000000000ull);
+        if (type_ == TABLE_KEY_POINTER) return Key(reinterpret_cast<const char *>(&pointer), sizeof pointer);
+        Key k;
+        for (; i != 0; i = (i - 1) / 3) k += (type_ == TABLE_KEY_STRING ? "abc" : "\0ab")[(i - 1) % 3];
+        return k;
+    }
+    static uintptr_t as_pointer(const Key &k) {
+        uintptr_t v = 0;
+        return memcpy(&v, k.data(), std::min(k.size(), sizeof v)), v;
+    }
+    // Values point into a pool that outlives the tables (reference mode keeps
+    // the pointers); some are null or empty.
+    std::pair<const void *, uint32_t> value() {
+        static const char pool[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+        const uint8_t b = byte();
+        if (b % 10 == 0) return {nullptr, b % 3u};
+        return {pool + b % 50, byte() % 41u};
+    }
+    // Copied in copy mode (an iterator's update always holds a copy) when
+    // there are bytes; else kept as given (a node keeps a buffer of its own it
+    // is given back).
+    Value expect(const void *p, uint32_t len, bool by_iterator) const {
+        const bool own = p != nullptr && len != 0 && (storage_ == NODE_STORAGE_COPY || by_iterator);
+        return own ? Value{true, std::string(static_cast<const char *>(p), len), nullptr, 0} : Value{false, "", p, len};
+    }
+    static bool matches(const Value &m, const void *v, uint32_t len) {
+        if (!m.own) return v == m.ptr && len == m.len;
+        return v != nullptr && reinterpret_cast<uintptr_t>(v) % alignof(max_align_t) == 0 && len == m.bytes.size() &&
+               memcmp(v, m.bytes.data(), len) == 0;
+    }
 
-struct Model {
-    std::map<Key, std::string> values;
-    std::list<Key> order; // sorted-list order of the table, head first
-    bool insertion_order = true;
-    bool key_type_fixed = false;
-
-    void add(const Key &k, const std::string &v) {
-        values[k] = v;
-        if (insertion_order) {
-            order.push_front(k);
-        } else {
-            auto at = order.begin();
-            while (at != order.end() && *at < k) ++at; // string keys: strcmp order
-            order.insert(at, k);
-        }
+    // The sort function of the table's order, written out again, and the
+    // sorted insertion: before the first node that does not sort before.
+    int compare(const Key &a, const Key &b) const {
+        if (order_ == kInsertion || order_ == kAppend) return order_ == kInsertion ? 1 : -1;
+        if (type_ == TABLE_KEY_POINTER) return order_ == kString ? 0 : static_cast<int32_t>(as_pointer(a) - as_pointer(b));
+        if (type_ == TABLE_KEY_STRING || order_ == kString) return strcmp(a.c_str(), b.c_str());
+        return std::min(a.size(), b.size()) == 0 ? 0 : memcmp(a.data(), b.data(), std::min(a.size(), b.size()));
+    }
+    void insert(const Key &k, const Value &v) {
+        values_[k] = v;
+        auto at = order_list_.begin();
+        while (at != order_list_.end() && compare(*at, k) < 0) ++at;
+        order_list_.insert(at, k);
+        refresh(false);
     }
     void erase(const Key &k) {
-        values.erase(k);
-        order.remove(k);
+        values_.erase(k);
+        order_list_.erase(std::find(order_list_.begin(), order_list_.end(), k));
     }
+    uint32_t bucket(const Key &k) const { // strings hash as the bytes before their NUL
+        const uintptr_t index = type_ == TABLE_KEY_POINTER ? as_pointer(k) : __OSL_Table_GetByteArrayIndex(k.data(), static_cast<uint32_t>(k.size()));
+        return static_cast<uint32_t>(index) % range_; // the low 32 bits
+    }
+
+    // op in the form of key type `form`; v and len are the value, pv and plen
+    // the outputs of a get.
+    uint32_t call(int op, uint32_t form, const Key &k, const void *v, uint32_t len, void **pv, uint32_t *plen) {
+        const char *s = k.c_str();
+        const void *p = type_ == TABLE_KEY_POINTER ? reinterpret_cast<const void *>(as_pointer(k)) : k.data();
+        const auto kl = static_cast<uint32_t>(k.size());
+        switch (op * 4 + static_cast<int>(form)) {
+        case 1: return Ostrel_Table_String_AddNode(h_, s, v, len);
+        case 2: return Ostrel_Table_Pointer_AddNode(h_, p, v, len);
+        case 3: return Ostrel_Table_ByteArray_AddNode(h_, k.data(), kl, v, len);
+        case 5: return Ostrel_Table_String_GetNode(h_, s, pv, plen);
+        case 6: return Ostrel_Table_Pointer_GetNode(h_, p, pv, plen);
+        case 7: return Ostrel_Table_ByteArray_GetNode(h_, k.data(), kl, pv, plen);
+        case 9: return Ostrel_Table_String_UpdateNode(h_, s, v, len);
+        case 10: return Ostrel_Table_Pointer_UpdateNode(h_, p, v, len);
+        case 11: return Ostrel_Table_ByteArray_UpdateNode(h_, k.data(), kl, v, len);
+        case 13: return Ostrel_Table_String_DelNode(h_, s);
+        case 14: return Ostrel_Table_Pointer_DelNode(h_, p);
+        default: return Ostrel_Table_ByteArray_DelNode(h_, k.data(), kl);
+        }
+    }
+    // One step; false when the key comes back null (for pointer keys that is
+    // also the null pointer key, so pointer walks go by the count).
+    bool step(OstrelTableIterHandle it, Key *k, void **v, uint32_t *len) const {
+        const char *s = nullptr;
+        const void *p = nullptr;
+        uint32_t kl = 0;
+        check((type_ == TABLE_KEY_STRING    ? Ostrel_Table_String_Iterate(it, &s, v, len)
+               : type_ == TABLE_KEY_POINTER ? Ostrel_Table_Pointer_Iterate(it, &p, v, len)
+                                            : Ostrel_Table_ByteArray_Iterate(it, &p, &kl, v, len)) == 0);
+        if (s != nullptr) p = s, kl = static_cast<uint32_t>(strlen(s));
+        const uintptr_t u = reinterpret_cast<uintptr_t>(p);
+        if (type_ == TABLE_KEY_POINTER) k->assign(reinterpret_cast<const char *>(&u), sizeof u);
+        else if (p != nullptr) k->assign(static_cast<const char *>(p), kl);
+        return p != nullptr;
+    }
+
+    // A walk of `steps` steps in one order: keys in the model's order (bucket
+    // order: each once, by ascending bucket), values as the model holds them.
+    // With marks (1: random, 2: delete every node), nodes are marked for
+    // deletion or a new value (a later mark replaces an earlier one); the
+    // model takes the marks when the walk is closed. A random walk has a
+    // second iterator, opened just before or after it and stepped once, that
+    // follows its changes: its node is gone (nothing to mark) or takes a new
+    // value through it, and it goes on from where it was.
+    void walk(uint32_t mode, size_t steps, int marks, OstrelTableIterHandle it = nullptr, const Key *skip = nullptr) {
+        uint32_t range = 0, last = 0, count = 0;
+        check(__OSL_Table_Verify(h_, &range, nullptr) == nullptr && range == range_);
+        check(Ostrel_Table_GetCount(h_, &count) == 0 && count == values_.size());
+        OstrelTableIterHandle other = nullptr;
+        Key first, k;
+        void *v = nullptr;
+        uint32_t len = 0;
+        const bool other_first = marks == 1 && byte() % 2 == 0; // either may be the newer one
+        if (other_first) check(Ostrel_Table_BeginIterate(h_, &other, mode) == 0);
+        if (it == nullptr) check(Ostrel_Table_BeginIterate(h_, &it, mode) == 0);
+        if (marks == 1 && !other_first) check(Ostrel_Table_BeginIterate(h_, &other, mode) == 0);
+        if (marks == 1) check(step(other, &first, &v, &len) || values_.empty() || type_ == TABLE_KEY_POINTER);
+        std::vector<Key> want = order_list_;
+        if (mode == TABLE_ITERATE_BACKWARD) std::reverse(want.begin(), want.end());
+        if (skip != nullptr) want.erase(std::find(want.begin(), want.end(), *skip));
+        std::map<Key, std::pair<bool, Value>> marked;
+        std::set<Key> seen;
+        for (size_t i = 0; i < steps; ++i) {
+            const bool got = step(it, &k, &v, &len);
+            if (i == want.size()) { // past the last node, and it stays there
+                check(!got && !step(it, &k, &v, &len) && Ostrel_Table_IterateDel(it) == OSL_ERR_NOT_FOUND);
+                break;
+            }
+            check((got || type_ == TABLE_KEY_POINTER) && values_.count(k) == 1 && seen.insert(k).second);
+            check(matches(values_[k], v, len) && (mode != TABLE_ITERATE_BUCKET ? k == want[i] : bucket(k) >= last));
+            if (mode == TABLE_ITERATE_BUCKET) last = bucket(k);
+            static const char *const kMarks[] = {"", "d", "u", "du", "ud"};
+            const uint8_t m = marks == 2 ? 1 : marks ? byte() % 12 : 0;
+            for (const char *c = m < 5 ? kMarks[m] : ""; *c != '\0'; ++c) {
+                const auto nv = value();
+                check((*c == 'd' ? Ostrel_Table_IterateDel(it) : Ostrel_Table_IterateUpdate(it, nv.first, nv.second)) == 0);
+                marked[k] = {*c == 'd', expect(nv.first, nv.second, true)};
+            }
+        }
+        check(Ostrel_Table_EndIterate(it) == 0);
+        for (const auto &m : marked) m.second.first ? erase(m.first) : void(values_[m.first] = m.second.second);
+        if (other == nullptr) return;
+        const auto nv = value();
+        const bool kept = values_.count(first) != 0;
+        check(Ostrel_Table_IterateUpdate(other, nv.first, nv.second) == (kept ? 0 : OSL_ERR_NOT_FOUND));
+        if (kept) values_[first] = expect(nv.first, nv.second, true); // carried out at its first step below
+        walk(mode, values_.size() + !kept, 0, other, kept ? &first : nullptr);
+    }
+
+    const uint8_t *p_;
+    size_t n_;
+    Limits lim_;
+    uint32_t type_ = 0, range_ = 1, thr_ = 75, step_ = 1;
+    int storage_ = 0;
+    Order order_ = kInsertion;
+    bool fixed_ = false;
+    OstrelTableHandle h_ = nullptr;
+    std::map<Key, Value> values_;
+    std::vector<Key> order_list_; // the sorted list, head first
 };
 
-void check_value(const Model &m, const Key &k, const void *v, uint32_t len) {
-    const std::string &want = m.values.at(k);
-    check(len == want.size());
-    check(v != nullptr && memcmp(v, want.data(), len) == 0);
-}
+inline size_t run(const uint8_t *data, size_t size, Limits lim) { return Model(data, size, lim).run(); }
 
-void check_table(void *t, const Model &m) {
-    uint32_t count = 0;
-    check(Ostrel_Table_GetCount(t, &count) == 0 && count == m.values.size());
-    uint32_t range = 0, longest = 0;
-    check(__OSL_Table_Verify(t, &range, &longest) == nullptr);
-    check(range >= 1 && range <= TABLE_RANGE_MAX);
-}
-
-// A walk in one of the three orders, with deletes and updates marked on the
-// way and changes the open table must refuse.
-void walk(void *t, const TableUnderTest &tut, Model &m, Input &in, std::deque<std::string> &arena) {
-    const uint32_t mode = in.byte() % 3u;
-    OstrelTableIterHandle it = nullptr;
-    check(Ostrel_Table_BeginIterate(t, &it, mode) == 0 && it != nullptr);
-    std::vector<Key> seen;
-    enum { kNone, kDel, kUpd } pending = kNone;
-    Key pending_key;
-    std::string pending_value;
-    auto apply = [&] {
-        if (pending == kDel) m.erase(pending_key);
-        if (pending == kUpd) m.values[pending_key] = pending_value;
-        pending = kNone;
-    };
-    const size_t total = m.values.size();
-    for (size_t i = 0; i < total; ++i) {
-        Key k;
-        void *v = nullptr;
-        uint32_t len = 0;
-        const bool got = tut.step(it, k, &v, &len);
-        apply();
-        check(got && m.values.count(k) == 1);
-        check_value(m, k, v, len);
-        seen.push_back(k);
-        const uint8_t op = in.byte();
-        if (op % 4u == 1) {
-            check(Ostrel_Table_IterateDel(it) == 0);
-            pending = kDel;
-            pending_key = k;
-        } else if (op % 4u == 2) {
-            arena.emplace_back(1u + op % 13u, static_cast<char>(op));
-            const std::string &nv = arena.back();
-            check(Ostrel_Table_IterateUpdate(it, nv.data(), static_cast<uint32_t>(nv.size())) == 0);
-            pending = kUpd;
-            pending_key = k;
-            pending_value = nv;
-        } else if (op % 4u == 3) {
-            const Key other = tut.make_key(in);
-            const char one = 'x';
-            check(tut.add(t, other, &one, 1, tut.type()) == kBusy);
-            check(tut.del(t, k) == kBusy);
-            check(tut.update(t, k, &one, 1) == kBusy);
-            check(Ostrel_Table_Destroy(t) == kBusy);
-        }
-    }
-    if (tut.type() != TABLE_KEY_POINTER) {
-        Key k;
-        void *v = nullptr;
-        uint32_t len = 0;
-        check(!tut.step(it, k, &v, &len)); // the walk is over
-        apply();
-    }
-    check(Ostrel_Table_EndIterate(it) == 0);
-    apply();
-
-    // Every node once; sorted walks in the model's order.
-    std::vector<Key> sorted_seen = seen;
-    std::sort(sorted_seen.begin(), sorted_seen.end());
-    check(std::adjacent_find(sorted_seen.begin(), sorted_seen.end()) == sorted_seen.end());
-    check(seen.size() == total);
-    if (mode != TABLE_ITERATE_BUCKET && (m.insertion_order || tut.type() == TABLE_KEY_STRING)) {
-        std::vector<Key> want;
-        // The model's order already lacks nodes deleted during the walk, so
-        // compare the walk with its own deletions taken out.
-        for (const Key &k : seen)
-            if (m.values.count(k) != 0) want.push_back(k);
-        std::vector<Key> model(m.order.begin(), m.order.end());
-        if (mode == TABLE_ITERATE_BACKWARD) std::reverse(model.begin(), model.end());
-        check(want == model);
-    }
-}
-
-} // namespace
+} // namespace table_model
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    Input in{data, size};
-    const uint8_t cfg = in.byte();
-    const int key_type = 1 + cfg % 3;
-    const int store = (cfg >> 2) & 1 ? NODE_STORAGE_COPY : NODE_STORAGE_REFERENCE;
-    const uint32_t range = 1u + ((cfg >> 4) & 0x7u) * 3u;
-    OstrelTableHandle t = nullptr;
-    check(Ostrel_Table_Create(&t, range, store) == 0 && t != nullptr);
-    check(Ostrel_Table_SetProperty(t, TABLE_PROP_REFRESH_THRESHOLD, 1u + in.byte() * 4u % 1000u) == 0);
-    check(Ostrel_Table_SetProperty(t, TABLE_PROP_REFRESH_STEP, in.byte() % 9u) == 0);
-    Model m;
-    if (cfg & 0x80u) {
-        check(Ostrel_Table_SetProperty(t, TABLE_PROP_SORT_FUNCTION, 0) == 0);
-        m.insertion_order = false;
-    }
-    TableUnderTest tut(key_type);
-    std::deque<std::string> arena; // values stay put for reference-mode nodes
-
-    for (int ops = 0; !in.empty() && ops < 400; ++ops) {
-        const uint8_t op = in.byte();
-        const Key k = tut.make_key(in);
-        const bool present = m.values.count(k) != 0;
-        switch (op % 8u) {
-        case 0:
-        case 1: { // add
-            arena.emplace_back(1u + in.byte() % 17u, static_cast<char>(op));
-            const std::string &v = arena.back();
-            const uint32_t rc = tut.add(t, k, v.data(), static_cast<uint32_t>(v.size()), key_type);
-            check(rc == (present ? kDuplicate : 0u));
-            if (!present) m.add(k, v);
-            m.key_type_fixed = true;
-            break;
-        }
-        case 2: { // get
-            void *v = nullptr;
-            uint32_t len = 0;
-            const uint32_t rc = tut.get(t, k, &v, &len, key_type);
-            check(rc == (present ? 0u : kNotFound));
-            if (present) check_value(m, k, v, len);
-            break;
-        }
-        case 3: { // update, longer or shorter than before
-            arena.emplace_back(1u + in.byte() % 40u, static_cast<char>(op ^ 0x5A));
-            const std::string &v = arena.back();
-            const uint32_t rc = tut.update(t, k, v.data(), static_cast<uint32_t>(v.size()));
-            check(rc == (present ? 0u : kNotFound));
-            if (present) m.values[k] = v;
-            break;
-        }
-        case 4: // delete
-            check(tut.del(t, k) == (present ? 0u : kNotFound));
-            if (present) m.erase(k);
-            break;
-        case 5: { // a form of another key type is refused once the type is fixed
-            if (!m.key_type_fixed) break;
-            const int other = 1 + (key_type + op / 8 % 2) % 3;
-            void *v = nullptr;
-            uint32_t len = 0;
-            check(tut.get(t, k, &v, &len, other) == kBadArg);
-            const char one = 'x';
-            check(tut.add(t, k, &one, 1, other) == kBadArg);
-            break;
-        }
-        case 6: // the range only grows
-            check(Ostrel_Table_SetProperty(t, TABLE_PROP_RANGE, 1u + in.byte() * 37u % TABLE_RANGE_MAX) == 0);
-            break;
-        default:
-            walk(t, tut, m, in, arena);
-            break;
-        }
-        check_table(t, m);
-    }
-    check(Ostrel_Table_Destroy(t) == 0);
+    table_model::run(data, size, {400, 121});
     return 0;
 }

@@ -11,7 +11,7 @@
 # configures with cmake/toolchains/<arch>-linux-gnu.cmake, builds, checks that
 # the binaries really are for the target and runs ctest, including an exchange
 # between the target's key-value service and client and native ones built
-# here (tests/cross_peer.cmake). Extra arguments go to
+# here (tests/kv.cmake). Extra arguments go to
 # cmake's configure step (e.g. -DOSTREL_BUILD_EXAMPLES=OFF).
 # Environment: OSTREL_CROSS_BUILD_DIR (default build-cross-<arch>),
 # OSTREL_CROSS_CACHE (default /var/cache/ostrel-cross as root, else
@@ -58,7 +58,7 @@ if [ "$(cat "$cache/fetched" 2>/dev/null)" != "${target_debs[*]}" ]; then
 fi
 
 # Native builds of the key-value service and client, for the test in which
-# they talk to the target's (tests/cross_peer.cmake).
+# they talk to the target's (tests/kv.cmake).
 peer_args=()
 if [ -f examples/ostrel_kvd.cpp ] && [ -f examples/ostrel_kv.cpp ]; then
   native="$dir-native-peer"

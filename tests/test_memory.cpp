@@ -237,9 +237,10 @@ TEST(Registry, EightThreadsRegisterOneIdThenRandomLookups) {
     Ervix_Register(nullptr, 6, fill);
     Ervix_Register("no-callback", 7, nullptr);
     Ervix_Register("", 8, fill_nothing); // an empty name is still a name
+    Ervix_Register("top", 1023, fill_nothing);
     EXPECT_TRUE(g_good_calls == 8 && g_started == 8); // every racing callback ran; one block was kept
-    for (uint32_t id : {5u, 6u, 7u, 8u, 1024u, 0xFFFFu})
-        EXPECT_EQ(Ervix_GetErrModule(id << 16 | 0x8123), id == 5 ? name40.substr(0, 31) : id == 8 ? "" : F) << id;
+    for (uint32_t id : {5u, 6u, 7u, 8u, 1023u, 1024u, 0xFFFFu})
+        EXPECT_EQ(Ervix_GetErrModule(id << 16 | 0x8123), id == 5 ? name40.substr(0, 31) : id == 8 ? "" : id == 1023 ? "top" : F) << id;
     for (uint32_t n = 0; n < 20000; ++n) { // bits 14..8 play no part; bit 15 selects entries 256..511
         const uint32_t code = (rng() % 4 ? 5 : rng() % 2048) << 16 | (rng() & 0xFFFF);
         std::string ex[2], plain[2];

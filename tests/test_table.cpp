@@ -1,327 +1,235 @@
-// Keyed table: the CRC-32 index against zlib, refusals with their codes and
-// log lines, growth, sort orders, and updates and deletes that keep every
-// link in place. Contents under random operations: test_table_model.
+// Keyed table: the CRC-32 index against zlib; refusals, property changes and
+// failed allocations with their codes, last errors and log lines; and the
+// model of fuzz/fuzz_table.cpp (contents, orders, growth, updates in place,
+// walks with deferred changes followed by a second iterator) over seeded
+// inputs for every key type, storage mode and sort order.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
 #include <functional>
 #include <random>
-#include <string>
-#include <vector>
 
+#define OSTREL_TEST_INTERPOSE_ALLOC
 #include "test_util.h"
 #include "osl_internal.h"
 #include "ostrel_error.h"
-#include "ostrel_table.h"
+#include "../fuzz/fuzz_table.cpp"
 
-// Internals of src/table, reachable from the object library the tests link.
 extern const uint32_t g_Table_Crc32Table[256];
 uintptr_t __OSL_Table_GetStringIndex(const void *pKey, uint32_t uiKeyLength);
-uintptr_t __OSL_Table_GetByteArrayIndex(const void *pKey, uint32_t uiKeyLength);
 uint32_t __OSL_Table_Crc32(uint32_t uiCrc, const void *pData, size_t n);
 uint32_t __OSL_Table_Crc32Bytewise(uint32_t uiCrc, const void *pData, size_t n);
-const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
 
 namespace {
 
-using Strings = std::vector<std::string>;
-
 struct Table {
     OstrelTableHandle h = nullptr;
-    Table(uint32_t range, int mode) { EXPECT_EQ(Ostrel_Table_Create(&h, range, mode), 0u); }
-    ~Table() {
-        if (h != nullptr) {
-            EXPECT_EQ(Ostrel_Table_Destroy(h), 0u);
-        }
+    Table(uint32_t range, int mode, std::initializer_list<const char *> keys = {}) {
+        EXPECT_EQ(Ostrel_Table_Create(&h, range, mode), 0u);
+        for (const char *k : keys) EXPECT_EQ(Ostrel_Table_String_AddNode(h, k, "v", 1), 0u) << k;
     }
-    uint32_t range() const { // after checking every link
-        uint32_t r = 0;
-        EXPECT_STREQ(__OSL_Table_Verify(h, &r, nullptr), nullptr);
-        return r;
-    }
-    void add(std::initializer_list<const char *> keys) const {
-        for (const char *k : keys) ASSERT_EQ(Ostrel_Table_String_AddNode(h, k, k, 1), 0u) << k;
-    }
+    ~Table() { EXPECT_EQ(Ostrel_Table_Destroy(h), 0u); }
 };
 
-// Keys in one visiting order; byte-array keys as their bytes.
-Strings walk(OstrelTableHandle h, uint32_t mode, bool bytes = false) {
-    Strings out;
-    OstrelTableIterHandle it = nullptr;
-    EXPECT_EQ(Ostrel_Table_BeginIterate(h, &it, mode), 0u);
-    const void *key = nullptr;
-    const char *text = nullptr;
-    uint32_t len = 0;
-    while ((bytes ? Ostrel_Table_ByteArray_Iterate(it, &key, &len, nullptr, nullptr)
-                  : Ostrel_Table_String_Iterate(it, &text, nullptr, nullptr)) == 0 &&
-           (bytes ? key : text) != nullptr)
-        out.push_back(bytes ? std::string(static_cast<const char *>(key), len) : text);
-    EXPECT_EQ(Ostrel_Table_EndIterate(it), 0u);
-    return out;
+// A call with the allocation to fail (-1: none), its code, the last error it
+// leaves (77 before the call) and its log lines, with the sizes in "alloc(N)"
+// and "size=N" blanked.
+struct Row { int fail; std::function<uint32_t()> call; uint32_t code, last_error; std::string lines; };
+#define ROW(call, code, last_error, lines) Row{-1, [&] { return call; }, code, last_error, lines}
+#define FAIL_ROW(n, call, code, last_error, lines) Row{n, [&] { return call; }, code, last_error, lines}
+
+void run_rows(const std::vector<Row> &rows) {
+    for (size_t i = 0; i < rows.size(); ++i) {
+        LogCapture cap;
+        g_OSL_errno = 77;
+        alloc_failure::fail_allocation_number(rows[i].fail);
+        EXPECT_EQ(rows[i].call(), rows[i].code) << "row " << i;
+        alloc_failure::fail_allocation_number(-1);
+        EXPECT_EQ(Ostrel_GetLastError(), rows[i].last_error) << "row " << i;
+        std::string lines;
+        for (const auto &l : cap.lines()) lines += (l.path == "src/table" ? "" : l.path + ": ") + l.text + "\n";
+        for (std::string tag : {"alloc(", "size="})
+            for (size_t at = lines.find(tag); at != std::string::npos; at = lines.find(tag, at + 1))
+                lines.erase(at + tag.size(), lines.find_first_not_of("0123456789", at + tag.size()) - at - tag.size());
+        EXPECT_EQ(lines, rows[i].lines) << "row " << i;
+    }
 }
 
-std::string table_line(const std::string &text) { return "src/table|" + text; }
+std::string P(const void *p) { // as the log prints a pointer
+    char text[32];
+    return snprintf(text, sizeof text, "%p", p), text;
+}
 
-TEST(TableHash, IndexIsTheComplementOfZlibCrc32) {
-    const z_crc_t *z = get_crc_table();
-    for (int i = 0; i < 256; ++i) ASSERT_EQ(g_Table_Crc32Table[i], static_cast<uint32_t>(z[i])) << i;
-    // Every length up to 70 (every tail after the 8-byte steps), then random
-    // lengths, each at a random start alignment.
+// The lines of a failed argument check, and of a failed record allocation.
+std::string A(const std::string &fn, const std::string &cond) {
+    return "Error in " + fn + ", assert(" + cond + ") failed.\n<===Exit " + fn + " with 0x9000f\n";
+}
+std::string M(const std::string &fn) { return "Error in " + fn + ", alloc() failed.\n<===Exit " + fn + " with 0x90006\n"; }
+
+TEST(TableHash, IndexIsTheComplementOfZlibCrc32AndEveryFormAgrees) {
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(g_Table_Crc32Table[i], static_cast<uint32_t>(get_crc_table()[i])) << i;
+    // Every length up to 100 (the empty key hashes to 0xFFFFFFFF; every tail
+    // after the 8-byte steps), then random lengths, each at a random start
+    // alignment and, for the bare update against the byte-at-a-time form, a
+    // random start value.
     std::mt19937 rng(12345);
-    std::vector<unsigned char> buf(600);
-    for (int round = 0; round < 20000; ++round) {
-        size_t len = round < 2000 ? static_cast<size_t>(round % 70) : rng() % 512, off = rng() % 8;
-        for (size_t i = 0; i < len; ++i) buf[off + i] = static_cast<unsigned char>(1 + rng() % 255);
+    std::vector<unsigned char> buf(4200);
+    for (auto &b : buf) b = static_cast<unsigned char>(1 + rng() % 255); // no NUL but the one each round puts
+    for (int round = 0; round < 5000; ++round) {
+        const size_t len = round < 1000 ? static_cast<size_t>(round % 100) : rng() % 4096, off = rng() % 16;
+        const unsigned char kept = buf[off + len];
         buf[off + len] = 0;
-        uint32_t expect = ~static_cast<uint32_t>(crc32(0, buf.data() + off, static_cast<uInt>(len)));
+        const uint32_t expect = ~static_cast<uint32_t>(crc32(0, buf.data() + off, static_cast<uInt>(len))), start = rng();
         ASSERT_EQ(__OSL_Table_GetByteArrayIndex(buf.data() + off, static_cast<uint32_t>(len)), expect) << len;
         ASSERT_EQ(__OSL_Table_GetStringIndex(buf.data() + off, 7), expect) << len; // length argument ignored
-    }
-    EXPECT_EQ(__OSL_Table_GetByteArrayIndex("", 0), 0xFFFFFFFFu);
-}
-
-TEST(TableHash, FormInUseMatchesTheByteAtATimeForm) {
-    // On AArch64 with CRC32 instructions this compares the instructions with
-    // the table form; elsewhere the eight-byte slicing. Random start values
-    // cover chained updates, random offsets every alignment.
-    std::mt19937 rng(777);
-    std::vector<unsigned char> buf(4200);
-    for (auto &b : buf) b = static_cast<unsigned char>(rng());
-    for (int round = 0; round < 5000; ++round) {
-        size_t len = round < 300 ? static_cast<size_t>(round % 100) : rng() % 4096, off = rng() % 16;
-        uint32_t start = round % 3 == 0 ? 0xFFFFFFFFu : static_cast<uint32_t>(rng());
-        ASSERT_EQ(__OSL_Table_Crc32(start, buf.data() + off, len), __OSL_Table_Crc32Bytewise(start, buf.data() + off, len))
-            << "length " << len << ", offset " << off;
+        ASSERT_EQ(__OSL_Table_Crc32(start, buf.data() + off, len), __OSL_Table_Crc32Bytewise(start, buf.data() + off, len));
+        buf[off + len] = kept;
     }
 }
 
-// Each refused call: its code, its last error (argument checks leave the
-// cleared or earlier value) and exactly its error lines.
 TEST(TableRefusals, CodesLastErrorsAndLogLines) {
-    Table s(4, NODE_STORAGE_COPY), fresh(4, NODE_STORAGE_REFERENCE);
-    s.add({"a"});
+    Table s(4, NODE_STORAGE_COPY, {"a"}), fresh(4, NODE_STORAGE_REFERENCE), busy(8, NODE_STORAGE_COPY, {"k0"});
     OstrelTableHandle out = nullptr;
-    uint32_t n = 0;
-    uint32_t fake[32] = {0x12345678u};
-    char fake_line[64];
-    snprintf(fake_line, sizeof fake_line, "Invalid table handle: %p.", static_cast<void *>(fake));
-    const std::string assert_create = "Error in Ostrel_Table_Create, assert(";
-    struct Row {
-        std::function<uint32_t()> call;
-        uint32_t code, last_error;
-        Strings lines;
-    };
-    const Row rows[] = {
-        {[&] { return Ostrel_Table_Create(nullptr, 1, 0); }, 0x9000F, 77, {assert_create + "NULL != phTable) failed."}},
-        {[&] { return Ostrel_Table_Create(&out, 0, 0); }, 0x9000F, 77, {assert_create + "0 != uiRange) failed."}},
-        {[&] { return Ostrel_Table_Create(&out, 8193, 0); }, 0x9000F, 77,
-         {assert_create + "uiRange <= TABLE_RANGE_MAX) failed."}},
-        {[&] { return Ostrel_Table_Create(&out, 8192, 2); }, 0x9000F, 77,
-         {assert_create + "(NODE_STORAGE_REFERENCE == iStoreFlag) || (NODE_STORAGE_COPY == iStoreFlag)) failed."}},
-        {[&] { return Ostrel_Table_GetCount(nullptr, nullptr); }, 0x9000F, 77,
-         {"Error in Ostrel_Table_GetCount, assert(NULL != puiCount) failed."}},
-        {[&] { return Ostrel_Table_GetCount(nullptr, &n); }, 0x90010, 0x90010, {"Invalid table handle: (nil)."}},
-        {[&] { return Ostrel_Table_Destroy(fake); }, 0x90010, 0x90010, {fake_line}},
-        {[&] { return Ostrel_Table_SetProperty(s.h, TABLE_PROP_RANGE, 8193); }, 0x9000F, 0x9000F,
-         {"Table range must be 1 ~ 8192."}},
-        {[&] { return Ostrel_Table_SetProperty(s.h, TABLE_PROP_RANGE, (uintptr_t(1) << 31) * 2 + 8); }, 0x9000F,
-         0x9000F, {"Table range must be 1 ~ 8192."}}, // full width: not truncated to 8
-        {[&] { return Ostrel_Table_SetProperty(s.h, TABLE_PROP_REFRESH_THRESHOLD, 0); }, 0x9000F, 0x9000F,
-         {"Table refresh threshold must be 1 ~ 1000."}},
-        {[&] { return Ostrel_Table_SetProperty(s.h, TABLE_PROP_REFRESH_THRESHOLD, 1001); }, 0x9000F, 0x9000F,
-         {"Table refresh threshold must be 1 ~ 1000."}},
-        {[&] { return Ostrel_Table_SetProperty(s.h, TABLE_PROP_REFRESH_STEP, 8193); }, 0x9000F, 0x9000F,
-         {"Table refresh step must be 0 ~ 8192."}},
-        {[&] { return Ostrel_Table_SetProperty(s.h, 5, 1); }, 0x9000F, 0x9000F, {"Unknown parameter type: 5."}},
-        {[&] { return Ostrel_Table_SetProperty(s.h, TABLE_PROP_SORT_FUNCTION, 0); }, 0x90008, 0x90008,
-         {"Can't change the sort function of a non-empty table."}},
-        {[&] { return Ostrel_Table_String_AddNode(s.h, "a", nullptr, 0); }, 0x9002A, 0x9002A,
-         {"Node with the same key existed."}},
-        {[&] { return Ostrel_Table_Pointer_AddNode(s.h, &n, nullptr, 0); }, 0x9000F, 0x9000F,
-         {"Operation target expect key type 2, actually 1", "Set key type failed."}},
-        {[&] { return Ostrel_Table_Pointer_GetNode(s.h, &n, nullptr, nullptr); }, 0x9000F, 0x9000F,
-         {"Operation target expect key type 2, actually 1"}},
-        {[&] { return Ostrel_Table_ByteArray_DelNode(s.h, "a", 1); }, 0x9000F, 0x9000F,
-         {"Operation target expect key type 3, actually 1"}},
+    OstrelTableIterHandle it = nullptr, it2 = nullptr, on_fresh = nullptr;
+    ASSERT_EQ(Ostrel_Table_BeginIterate(busy.h, &it, TABLE_ITERATE_FORWARD), 0u);
+    uint32_t n = 0, fake[32] = {0x12345678u}, table_magic[32] = {0xC47F8609u}; // a table's magic is no iterator's
+    const void *pk = &n;
+    const char *k = nullptr;
+    const std::string big(0x800000, 'x'); // one byte past the warning limit
+    auto set = [](Table &t, int prop, uintptr_t v) { return Ostrel_Table_SetProperty(t.h, prop, v); };
+    const uint32_t F = OSL_ERR_INVALID_PARAMETER, H = OSL_ERR_INVALID_HANDLE, N = OSL_ERR_NOT_FOUND, B = OSL_ERR_SYSTEM_BUSY;
+    const int RANGE = TABLE_PROP_RANGE, THRESHOLD = TABLE_PROP_REFRESH_THRESHOLD, STEP = TABLE_PROP_REFRESH_STEP;
+    const std::string create = "Ostrel_Table_Create", add = "__OSL_Table_AddNode", mismatch = "Operation target expect key type ",
+                      busy_line = "The target table is being iterated.\n", range = "Table range must be 1 ~ 8192.\n",
+                      threshold = "Table refresh threshold must be 1 ~ 1000.\n", gone = "Node don't exist.\n";
+    run_rows({
+        ROW(Ostrel_Table_Create(nullptr, 1, 0), F, 77, A(create, "NULL != phTable")),
+        ROW(Ostrel_Table_Create(&out, 0, 0), F, 77, A(create, "0 != uiRange")),
+        ROW(Ostrel_Table_Create(&out, 8193, 0), F, 77, A(create, "uiRange <= TABLE_RANGE_MAX")),
+        ROW(Ostrel_Table_Create(&out, 8192, 2), F, 77, A(create, "(NODE_STORAGE_REFERENCE == iStoreFlag) || (NODE_STORAGE_COPY == iStoreFlag)")),
+        ROW(Ostrel_Table_GetCount(nullptr, nullptr), F, 77, A("Ostrel_Table_GetCount", "NULL != puiCount")),
+        ROW(Ostrel_Table_GetCount(nullptr, &n), H, H, "Invalid table handle: (nil).\n"),
+        ROW(Ostrel_Table_Destroy(fake), H, H, "Invalid table handle: " + P(fake) + ".\n"),
+        ROW(set(s, RANGE, 8193), F, F, range),
+        ROW(set(s, RANGE, (uintptr_t(1) << 31) * 2 + 8), F, F, range), // the full width counts: not taken as 8
+        ROW(set(s, RANGE, 5), 0, 0, "Set table(" + P(s.h) + ") range to 5\n"),
+        ROW(set(s, THRESHOLD, 1001), F, F, threshold),
+        ROW(set(s, THRESHOLD, 1000), 0, 0, "Set table(" + P(s.h) + ") refresh threshold to 1000\n"),
+        ROW(set(s, STEP, 8193), F, F, "Table refresh step must be 0 ~ 8192.\n"),
+        ROW(set(s, STEP, 8192), 0, 0, "Set table(" + P(s.h) + ") refresh step to 8192\n"),
+        ROW(set(s, THRESHOLD, 1), 0, 0, "Set table(" + P(s.h) + ") refresh threshold to 1\n"), // grows to the cap: 8192
+        ROW(set(s, RANGE, 8192), 0, 0, ""), // not above the range: nothing
+        ROW(set(s, 5, 1), F, F, "Unknown parameter type: 5.\n"),
+        ROW(set(s, TABLE_PROP_SORT_FUNCTION, 0), OSL_ERR_NOT_EMPTY, OSL_ERR_NOT_EMPTY, "Can't change the sort function of a non-empty table.\n"),
+        ROW(set(fresh, TABLE_PROP_SORT_FUNCTION, 0), 0, 0, "Set table(" + P(fresh.h) + ") compare function to default\n"),
+        ROW(set(fresh, TABLE_PROP_SORT_FUNCTION, reinterpret_cast<uintptr_t>(&table_model::append_order)), 0, 0,
+            "Set table(" + P(fresh.h) + ") compare function to " + P(reinterpret_cast<void *>(&table_model::append_order)) + "\n"),
+        ROW(Ostrel_Table_String_AddNode(s.h, "a", nullptr, 0), OSL_ERR_DUPLICATE_KEY, OSL_ERR_DUPLICATE_KEY, "Node with the same key existed.\n"),
+        ROW(Ostrel_Table_Pointer_AddNode(s.h, &n, nullptr, 0), F, F, mismatch + "2, actually 1\nSet key type failed.\n"),
+        ROW(Ostrel_Table_ByteArray_GetNode(s.h, &n, 1, nullptr, nullptr), F, F, mismatch + "3, actually 1\n"),
         // The null-key check looks at the table's key type, before the form's.
-        {[&] { return Ostrel_Table_Pointer_AddNode(s.h, nullptr, nullptr, 0); }, 0x9000F, 0,
-         {"Error in __OSL_Table_AddNode, assert(NULL != pKey) failed."}},
-        {[&] { return Ostrel_Table_String_UpdateNode(s.h, nullptr, nullptr, 0); }, 0x9000F, 0,
-         {"Error in __OSL_Table_UpdateNode, assert(NULL != pKey) failed."}},
-        {[&] { return Ostrel_Table_String_GetNode(s.h, "b", nullptr, nullptr); }, 0x90018, 0x90018,
-         {"Node don't exist."}},
-        {[&] { return Ostrel_Table_String_UpdateNode(s.h, "b", "x", 1); }, 0x90018, 0x90018, {"Node don't exist."}},
-        {[&] { return Ostrel_Table_String_DelNode(s.h, "b"); }, 0x90018, 0x90018, {}},
-        // A new table answers every form with "not found", and refuses a null
+        ROW(Ostrel_Table_Pointer_AddNode(s.h, nullptr, nullptr, 0), F, 0, A(add, "NULL != pKey")),
+        ROW(Ostrel_Table_String_GetNode(s.h, nullptr, nullptr, nullptr), F, 0, A("__OSL_Table_GetNode", "NULL != pKey")),
+        ROW(Ostrel_Table_String_UpdateNode(s.h, nullptr, nullptr, 0), F, 0, A("__OSL_Table_UpdateNode", "NULL != pKey")),
+        ROW(Ostrel_Table_String_DelNode(s.h, nullptr), F, 0, A("__OSL_Table_DelNode", "NULL != pKey")),
+        ROW(Ostrel_Table_String_GetNode(s.h, "b", nullptr, nullptr), N, N, gone),
+        // A new table answers any form with "not found", and refuses a null
         // string key before fixing its key type.
-        {[&] { return Ostrel_Table_Pointer_GetNode(fresh.h, nullptr, nullptr, nullptr); }, 0x90018, 0x90018,
-         {"Node don't exist."}},
-        {[&] { return Ostrel_Table_ByteArray_DelNode(fresh.h, "a", 1); }, 0x90018, 0x90018, {}},
-        {[&] { return Ostrel_Table_String_AddNode(fresh.h, nullptr, nullptr, 0); }, 0x9000F, 0,
-         {"Error in __OSL_Table_AddNode, assert(NULL != pKey) failed."}},
-        {[&] { return Ostrel_Table_ByteArray_AddNode(fresh.h, nullptr, 3, nullptr, 0); }, 0x9000F, 0,
-         {"Error in __OSL_Table_AddNode, assert((NULL != pKey) || (0 == uiKeyLength)) failed."}},
-    };
-    for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
-        LogCapture cap;
-        g_OSL_errno = 77; // an earlier value
-        EXPECT_EQ(rows[i].call(), rows[i].code) << "row " << i;
-        EXPECT_EQ(Ostrel_GetLastError(), rows[i].last_error) << "row " << i;
-        Strings expect;
-        for (const auto &l : rows[i].lines) expect.push_back(table_line(l));
-        EXPECT_EQ(cap.texts(LOG_LEVEL_ERROR), expect) << "row " << i;
-    }
-    // The refusals changed nothing.
-    EXPECT_EQ(s.range(), 4u);
-    ASSERT_EQ(Ostrel_Table_GetCount(s.h, &n), 0u);
-    EXPECT_EQ(n, 1u);
-    ASSERT_EQ(Ostrel_Table_Pointer_AddNode(fresh.h, nullptr, nullptr, 0), 0u); // still without a key type
+        ROW(Ostrel_Table_Pointer_GetNode(fresh.h, nullptr, nullptr, nullptr), N, N, gone),
+        ROW(Ostrel_Table_String_AddNode(fresh.h, nullptr, nullptr, 0), F, 0, A(add, "NULL != pKey")),
+        ROW(Ostrel_Table_ByteArray_AddNode(fresh.h, nullptr, 3, nullptr, 0), F, 0, A(add, "(NULL != pKey) || (0 == uiKeyLength)")),
+        // An open iterator: the table refuses changes, not lookups or properties.
+        ROW(Ostrel_Table_String_AddNode(busy.h, "b", "2", 1), B, B, busy_line),
+        ROW(Ostrel_Table_String_UpdateNode(busy.h, "k0", "2", 1), B, B, busy_line),
+        ROW(Ostrel_Table_String_DelNode(busy.h, "k0"), B, B, busy_line),
+        ROW(Ostrel_Table_Destroy(busy.h), B, B, busy_line),
+        ROW(Ostrel_Table_String_GetNode(busy.h, "k0", nullptr, nullptr), 0, 0, ""),
+        ROW(set(busy, STEP, 0), 0, 0, "Set table(" + P(busy.h) + ") refresh step to 0\n"),
+        ROW(Ostrel_Table_Pointer_Iterate(it, &pk, nullptr, nullptr), F, F, mismatch + "2, actually 1\n"),
+        ROW(Ostrel_Table_String_Iterate(it, nullptr, nullptr, nullptr), F, 0, A("__OSL_Table_Iterate", "NULL != ppKey")),
+        ROW(Ostrel_Table_BeginIterate(nullptr, nullptr, 0), F, 77, A("Ostrel_Table_BeginIterate", "NULL != phItr")),
+        ROW(Ostrel_Table_BeginIterate(nullptr, &it2, 0), H, H, "Invalid table handle: (nil).\n"),
+        ROW(Ostrel_Table_BeginIterate(busy.h, &it2, 3), F, F, ""),
+        ROW(Ostrel_Table_IterateDel(nullptr), H, H, "Invalid table iterater handle: (nil).\n"),
+        ROW(Ostrel_Table_EndIterate(table_magic), H, H, "Invalid table iterater handle: " + P(table_magic) + ".\n"),
+        ROW(Ostrel_Table_IterateDel(it), N, N, ""), // no step yet
+        ROW(Ostrel_Table_IterateUpdate(it, "x", 1), N, N, ""),
+        ROW(Ostrel_Table_BeginIterate(fresh.h, &on_fresh, TABLE_ITERATE_BUCKET), 0, 0, ""),
+        ROW(Ostrel_Table_ByteArray_Iterate(on_fresh, &pk, nullptr, nullptr, nullptr), 0, 0, ""), // no key type: any form
+        ROW(Ostrel_Table_String_Iterate(it, &k, nullptr, nullptr), 0, 0, ""), // k0: the refused steps did not move
+        ROW(Ostrel_Table_IterateUpdate(it, big.data(), 0x7FFFFF), 0, 0, ""),
+        ROW(Ostrel_Table_IterateUpdate(it, big.data(), 0x800000), 0, 0, "Large malloc in Ostrel_Table_IterateUpdate, size=.\n"),
+        ROW(Ostrel_Table_EndIterate(on_fresh), 0, 0, ""),
+    });
+    // The range stopped at the cap, mode 3 opened no iterator, the new table
+    // has no key type yet, and the last mark is carried out at the end.
+    EXPECT_STREQ(__OSL_Table_Verify(s.h, &n, nullptr), nullptr);
+    EXPECT_EQ(n, 8192u);
+    EXPECT_STREQ(k, "k0");
+    EXPECT_EQ(pk, nullptr);
+    ASSERT_EQ(Ostrel_Table_EndIterate(it), 0u);
+    ASSERT_EQ(Ostrel_Table_String_GetNode(busy.h, "k0", nullptr, &n), 0u);
+    EXPECT_EQ(n, big.size());
+    EXPECT_EQ(Ostrel_Table_String_AddNode(busy.h, "b", "2", 1), 0u);
+    EXPECT_EQ(Ostrel_Table_Pointer_AddNode(fresh.h, nullptr, nullptr, 0), 0u);
 }
 
-TEST(TableGrowth, StepsThresholdsForcedRefreshAndTheCap) {
-    Table t(4, NODE_STORAGE_COPY);
-    const uint32_t expect_range[] = {4, 4, 4, 8, 8, 8, 12}; // 4 * 100 / 4 > 75, 7 * 100 / 8 > 75
-    for (int i = 0; i < 7; ++i) {
-        t.add({std::to_string(i).c_str()});
-        EXPECT_EQ(t.range(), expect_range[i]) << i;
-    }
-    LogCapture cap;
-    EXPECT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_RANGE, 12), 0u); // not above: nothing, no line
-    EXPECT_TRUE(cap.lines().empty());
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_REFRESH_STEP, 0), 0u); // no more growth
-    for (int i = 7; i < 40; ++i) t.add({std::to_string(i).c_str()});
-    EXPECT_EQ(t.range(), 12u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_REFRESH_STEP, 4), 0u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_REFRESH_THRESHOLD, 200), 0u); // refresh at once: 333 > 200
-    EXPECT_EQ(t.range(), 16u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_RANGE, 17), 0u); // forced: 235 > 200 adds a step
-    EXPECT_EQ(t.range(), 21u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_REFRESH_THRESHOLD, 1000), 0u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_RANGE, 30), 0u); // forced, under: exactly 30
-    EXPECT_EQ(t.range(), 30u);
-    char p[32];
-    snprintf(p, sizeof p, "%p", t.h);
-    const std::string tp = std::string("Set table(") + p + ") ";
-    EXPECT_EQ(cap.texts(LOG_LEVEL_INFO),
-              (Strings{table_line(tp + "refresh step to 0"), table_line(tp + "refresh step to 4"),
-                       table_line(tp + "refresh threshold to 200"), table_line(tp + "range to 17"),
-                       table_line(tp + "refresh threshold to 1000"), table_line(tp + "range to 30")}));
-
-    // Until the cap the average chain stays within threshold / 100; past it
-    // every node stays reachable.
-    Table big(16, NODE_STORAGE_REFERENCE);
-    ASSERT_EQ(Ostrel_Table_SetProperty(big.h, TABLE_PROP_REFRESH_THRESHOLD, 150), 0u);
-    for (uint32_t i = 0; i < 20000; ++i) {
-        ASSERT_EQ(Ostrel_Table_ByteArray_AddNode(big.h, &i, sizeof i, nullptr, i), 0u);
-        uint32_t range = i % 97 == 0 ? big.range() : TABLE_RANGE_MAX;
-        ASSERT_TRUE(range == TABLE_RANGE_MAX || (i + 1) * 100 / range <= 150) << i;
-    }
-    EXPECT_EQ(big.range(), 8192u);
-    for (uint32_t i = 0, len = 0; i < 20000; ++i) {
-        ASSERT_EQ(Ostrel_Table_ByteArray_GetNode(big.h, &i, sizeof i, nullptr, &len), 0u);
-        ASSERT_EQ(len, i);
-    }
+// Each failed allocation is reported and leaves the table as it was (the rows
+// run in order).
+TEST(TableAlloc, FailuresAreReportedAndChangeNothing) {
+    if (!OSTREL_ALLOC_INTERPOSED) GTEST_SKIP() << "allocator owned by the sanitizer runtime";
+    OstrelTableHandle h = nullptr;
+    OstrelTableIterHandle it = nullptr;
+    const void *k = nullptr;
+    auto add = [&h](const char *key) { return Ostrel_Table_ByteArray_AddNode(h, key, 1, "old", 3); };
+    auto next = [&] { return Ostrel_Table_ByteArray_Iterate(it, &k, nullptr, nullptr, nullptr); };
+    const uint32_t NM = OSL_ERR_NO_MEMORY;
+    const std::string node = "Alloc memory (size=) failed.\n", update = node + "Create new table node failed.\nUpdate table node value failed.\n",
+                      failed_action = update + "Process iterate action failed.\n", refresh = M("__OSL_Table_RefreshTable");
+    run_rows({
+        FAIL_ROW(0, Ostrel_Table_Create(&h, 4, NODE_STORAGE_COPY), NM, 77, M("Ostrel_Table_Create")),
+        FAIL_ROW(1, Ostrel_Table_Create(&h, 4, NODE_STORAGE_COPY), NM, NM, ""), // the bucket array
+        ROW(Ostrel_Table_Create(&h, 4, NODE_STORAGE_COPY), 0, 0, ""),
+        FAIL_ROW(0, Ostrel_Table_String_AddNode(h, "a", "old", 3), NM, NM, node + "Create table node failed.\n"),
+        ROW(std::max({add("a"), add("b"), add("c")}), 0, 0, ""), // in order; the key type stayed open
+        FAIL_ROW(1, add("d"), 0, 0, refresh), // the add ignores its refresh
+        FAIL_ROW(0, Ostrel_Table_SetProperty(h, TABLE_PROP_RANGE, 64), NM, NM, refresh + "Refresh table failed.\n"),
+        FAIL_ROW(0, Ostrel_Table_ByteArray_UpdateNode(h, "a", 1, "much longer", 11), NM, NM, update),
+        FAIL_ROW(0, Ostrel_Table_BeginIterate(h, &it, TABLE_ITERATE_BACKWARD), NM, 0, M("Ostrel_Table_BeginIterate")),
+        ROW(std::max({Ostrel_Table_BeginIterate(h, &it, TABLE_ITERATE_BACKWARD), next(), Ostrel_Table_IterateDel(it)}), 0, 0, ""),
+        FAIL_ROW(0, Ostrel_Table_IterateUpdate(it, "abcde", 5), NM, 0, M("Ostrel_Table_IterateUpdate")),
+        ROW(std::max({next(), Ostrel_Table_IterateUpdate(it, "longer value", 12)}), 0, 0, ""), // a deleted; at b
+        FAIL_ROW(0, next(), 0, 0, failed_action),
+        ROW(Ostrel_Table_IterateUpdate(it, "longer value", 12), 0, 0, ""), // at c
+        FAIL_ROW(0, Ostrel_Table_EndIterate(it), 0, 0, failed_action),
+        ROW(Ostrel_Table_ByteArray_GetNode(h, "a", 1, nullptr, nullptr), OSL_ERR_NOT_FOUND, OSL_ERR_NOT_FOUND, "Node don't exist.\n"),
+        ROW(add("e"), 0, 0, ""), // the iterator is closed
+    });
+    uint32_t range = 0; // 4 kept through the failed refresh, one step up with e
+    EXPECT_STREQ(__OSL_Table_Verify(h, &range, nullptr), nullptr);
+    EXPECT_EQ(range, 8u);
+    ASSERT_EQ(Ostrel_Table_Destroy(h), 0u);
 }
 
-int32_t descending(const void *a, uint32_t, const void *b, uint32_t) {
-    return -strcmp(static_cast<const char *>(a), static_cast<const char *>(b));
+// The fuzz target's model over seeded inputs, per key type, storage mode and
+// sort order (bucket ranges, thresholds and steps vary, defaults included).
+constexpr int kModelOps = 6000;
+constexpr uint32_t kModelKeys = 121; // every key of up to four characters
+
+class TableModel : public ::testing::TestWithParam<int> {};
+
+TEST_P(TableModel, AgreesWithStdMapAfterEveryStep) {
+    const int i = GetParam();
+    std::mt19937 rng(20261121 + i);
+    std::vector<uint8_t> input(kModelOps * 16);
+    for (auto &b : input) b = static_cast<uint8_t>(rng());
+    input[0] = static_cast<uint8_t>(i % 3 | i / 3 % 2 << 2 | i % 5 << 4 | i / 6 << 7);
+    input[1] = i % 4 == 1 ? 0 : input[1];                  // the default threshold
+    input[2] = i % 4 == 2 ? 9 : i % 4 == 0 ? 0 : input[2]; // the default step, or no growth
+    LogCapture quiet(16); // misses are logged as errors: keep the run out of the log
+    EXPECT_GT(table_model::run(input.data(), input.size(), {kModelOps, kModelKeys}), 40u); // filled up
 }
 
-TEST(TableSort, OrdersAndTheSettlingRule) {
-    Table ins(8, NODE_STORAGE_COPY), key(8, NODE_STORAGE_COPY), own(8, NODE_STORAGE_COPY);
-    ins.add({"b", "a", "c"});
-    EXPECT_EQ(walk(ins.h, TABLE_ITERATE_FORWARD), (Strings{"c", "a", "b"})); // newest first
-    EXPECT_EQ(walk(ins.h, TABLE_ITERATE_BACKWARD), (Strings{"b", "a", "c"}));
-    ASSERT_EQ(Ostrel_Table_SetProperty(key.h, TABLE_PROP_SORT_FUNCTION, 0), 0u);
-    key.add({"b", "a", "c", "ab"});
-    EXPECT_EQ(walk(key.h, TABLE_ITERATE_FORWARD), (Strings{"a", "ab", "b", "c"}));
-    EXPECT_EQ(walk(key.h, TABLE_ITERATE_BACKWARD), (Strings{"c", "b", "ab", "a"}));
-    // A caller's sort function on a new table gives way to the key order at
-    // the first add; on an emptied table it takes effect.
-    ASSERT_EQ(Ostrel_Table_SetProperty(own.h, TABLE_PROP_SORT_FUNCTION, reinterpret_cast<uintptr_t>(&descending)), 0u);
-    own.add({"b", "a", "c"});
-    EXPECT_EQ(walk(own.h, TABLE_ITERATE_FORWARD), (Strings{"a", "b", "c"}));
-    for (const char *k : {"a", "b", "c"}) ASSERT_EQ(Ostrel_Table_String_DelNode(own.h, k), 0u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(own.h, TABLE_PROP_SORT_FUNCTION, reinterpret_cast<uintptr_t>(&descending)), 0u);
-    own.add({"b", "a", "c"});
-    EXPECT_EQ(walk(own.h, TABLE_ITERATE_FORWARD), (Strings{"c", "b", "a"}));
-
-    // Byte arrays compare over the shorter length: a prefix sorts as equal,
-    // so the newer key goes first. Emptied and set back to the default, the
-    // table keeps the string order ("ab" before "abc", a NUL ends a key).
-    Table b(8, NODE_STORAGE_COPY);
-    ASSERT_EQ(Ostrel_Table_SetProperty(b.h, TABLE_PROP_SORT_FUNCTION, 0), 0u);
-    const std::string keys[] = {"ab", "abc", "a", "b", std::string("a\0z", 3)};
-    auto bytes = [&](int i, bool add) {
-        auto len = static_cast<uint32_t>(keys[i].size());
-        return add ? Ostrel_Table_ByteArray_AddNode(b.h, keys[i].data(), len, nullptr, 0)
-                   : Ostrel_Table_ByteArray_DelNode(b.h, keys[i].data(), len);
-    };
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(bytes(i, true), 0u);
-    EXPECT_EQ(walk(b.h, TABLE_ITERATE_FORWARD, true), (Strings{"a", "abc", "ab", "b"}));
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(bytes(i, false), 0u);
-    ASSERT_EQ(Ostrel_Table_SetProperty(b.h, TABLE_PROP_SORT_FUNCTION, 0), 0u);
-    for (int i : {0, 1, 4}) ASSERT_EQ(bytes(i, true), 0u);
-    EXPECT_EQ(walk(b.h, TABLE_ITERATE_FORWARD, true), (Strings{keys[4], "ab", "abc"}));
-}
-
-// Bucket order and sorted order in one string, for "nothing moved" checks.
-std::string places(const Table &t) {
-    std::string out;
-    for (uint32_t mode : {TABLE_ITERATE_BUCKET, TABLE_ITERATE_FORWARD}) {
-        for (const auto &k : walk(t.h, mode)) out += k + ",";
-        out += "|";
-    }
-    EXPECT_EQ(t.range(), 1u);
-    return out;
-}
-
-std::string value_of(const Table &t, const char *k, void **where = nullptr) {
-    void *v = nullptr;
-    uint32_t len = 0;
-    EXPECT_EQ(Ostrel_Table_String_GetNode(t.h, k, &v, &len), 0u);
-    if (where != nullptr) *where = v;
-    return std::string(static_cast<const char *>(v), len);
-}
-
-TEST(TableNodes, UpdatesAndDeletesKeepEveryOtherPlace) {
-    Table t(1, NODE_STORAGE_COPY); // one bucket, no growth: a single chain
-    ASSERT_EQ(Ostrel_Table_SetProperty(t.h, TABLE_PROP_REFRESH_STEP, 0), 0u);
-    t.add({"a", "b", "c", "d", "e"});
-    const std::string before = places(t);
-    EXPECT_EQ(before, "a,b,c,d,e,|e,d,c,b,a,|");
-    ASSERT_EQ(Ostrel_Table_String_UpdateNode(t.h, "c", "0123456789", 10), 0u); // longer: new block
-    void *first = nullptr, *now = nullptr;
-    EXPECT_EQ(value_of(t, "c", &first), "0123456789");
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % alignof(max_align_t), 0u);
-    ASSERT_EQ(Ostrel_Table_String_UpdateNode(t.h, "c", "wxyz", 4), 0u); // fits: in place
-    EXPECT_EQ(value_of(t, "c", &now), "wxyz");
-    EXPECT_EQ(now, first);
-    ASSERT_EQ(Ostrel_Table_String_UpdateNode(t.h, "c", static_cast<char *>(now) + 1, 3), 0u); // its own bytes
-    EXPECT_EQ(value_of(t, "c"), "xyz");
-    ASSERT_EQ(Ostrel_Table_String_UpdateNode(t.h, "c", "12345", 5), 0u); // longer than 3: new block again
-    EXPECT_EQ(value_of(t, "c"), "12345");
-    // The chain head (a, also the sorted tail) and the chain tail (e, the
-    // sorted head) move to new blocks too.
-    for (const char *k : {"a", "e"}) ASSERT_EQ(Ostrel_Table_String_UpdateNode(t.h, k, "a longer value", 14), 0u);
-    EXPECT_EQ(places(t), before);
-    ASSERT_EQ(Ostrel_Table_String_DelNode(t.h, "a"), 0u); // chain head, sorted tail
-    EXPECT_EQ(places(t), "b,c,d,e,|e,d,c,b,|");
-    ASSERT_EQ(Ostrel_Table_String_DelNode(t.h, "e"), 0u); // chain tail, sorted head
-    EXPECT_EQ(places(t), "b,c,d,|d,c,b,|");
-    ASSERT_EQ(Ostrel_Table_String_DelNode(t.h, "c"), 0u);
-    EXPECT_EQ(places(t), "b,d,|d,b,|");
-    for (const char *k : {"b", "d"}) ASSERT_EQ(Ostrel_Table_String_DelNode(t.h, k), 0u);
-    EXPECT_EQ(places(t), "||");
-    t.add({"x"});
-    EXPECT_EQ(places(t), "x,|x,|");
-
-    Table r(4, NODE_STORAGE_REFERENCE);
-    char v1[] = "one", v2[] = "longer two";
-    ASSERT_EQ(Ostrel_Table_String_AddNode(r.h, "k", v1, 3), 0u);
-    ASSERT_EQ(Ostrel_Table_String_UpdateNode(r.h, "k", v2, 10), 0u);
-    EXPECT_EQ(value_of(r, "k", &now), "longer two");
-    EXPECT_EQ(now, static_cast<void *>(v2)); // reference mode keeps the caller's pointer
-}
+INSTANTIATE_TEST_SUITE_P(Table, TableModel, ::testing::Range(0, 12)); // key type 1 + i % 3, copy i / 3 % 2, key order i / 6
 
 } // namespace
