@@ -5,11 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <atomic>
 #include <filesystem>
+#include <thread>
 #include <fstream>
+#include <memory>
 
 #include "kv_protocol.h"
 
@@ -213,6 +218,44 @@ TEST_F(KvService, RequestsTheClientCannotMakeAreAnsweredWithTheirCode) {
     EXPECT_EQ(sh("grep -c -e 'Malformed request (14 bytes): 0x90012 Invalid data content.$' -e 'Unknown request "
                  "operation 99$' $DIR/ostrel-kvd.log"),
               std::make_pair(std::string("2\n"), 0));
+}
+
+// A flood: every client connects (handshake included) and stays connected,
+// each is answered, and a client arriving during the flood is served.
+// OSTREL_KV_FLOOD sets the number of clients (e.g. 5000 for a measurement).
+TEST_F(KvService, FloodOfConnectionsIsHeldAndAnswered) {
+    const char *env = getenv("OSTREL_KV_FLOOD");
+    const int n = env != nullptr ? atoi(env) : 1500;
+    rlimit files{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+    files.rlim_cur = files.rlim_max; // the clients' own sockets
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
+    const auto t0 = std::chrono::steady_clock::now();
+    std::vector<std::unique_ptr<kv::Client>> flood;
+    for (int i = 0; i < n; ++i) flood.push_back(std::make_unique<kv::Client>());
+    std::atomic<int> connected{0}, tried{0}, answered{0};
+    std::vector<std::thread> storm;
+    for (int t = 0; t < 8; ++t)
+        storm.emplace_back([&, t] {
+            for (int i = t; i < n; i += 8) {
+                connected += flood[size_t(i)]->connect("127.0.0.1", port_) == 0;
+                ++tried;
+            }
+        });
+    while (tried.load() < n / 2) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    kv::Client late; // a new client in the middle of the storm
+    EXPECT_EQ(late.connect("127.0.0.1", port_), 0u);
+    EXPECT_EQ(late.call(kv::KV_OP_PUT, "late", "served", reply_), 0u);
+    EXPECT_EQ(reply_.code, 0u);
+    for (auto &t : storm) t.join();
+    for (int i = 0; i < n; ++i)
+        answered += flood[size_t(i)]->call(kv::KV_OP_PUT, std::to_string(i).c_str(), "v", reply_) == 0 && !reply_.code;
+    EXPECT_EQ(client_.call(kv::KV_OP_COUNT, nullptr, nullptr, reply_), 0u);
+    EXPECT_EQ(reply_.count, answered.load() + 1);
+    EXPECT_EQ(connected.load(), n);
+    EXPECT_EQ(answered.load(), n);
+    printf("flood: %d clients, %d handshaken, %d answered in %.2f s\n", n, connected.load(), answered.load(),
+           std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
 }
 
 TEST_F(KvService, SigtermStopsCleanlyWithConnectionsOpen) {
