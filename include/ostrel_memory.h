@@ -1,4 +1,6 @@
-/*
+/**
+ * @file ostrel_memory.h
+ *
  * Ostrel: debug memory allocator.
  *
  * With memory debugging off (the default) these are malloc, calloc, realloc
@@ -15,23 +17,25 @@
 
 OSTREL_EXTERN_C_BEGIN
 
-/* Index of the memory-debug option of Ostrel_SetOption. */
+/** Index of the memory-debug option of Ostrel_SetOption. */
 #define OSL_OPTION_MEMORY_DEBUG 1
 
-/* Allocation functions: null on failure (last error 0x90006), last error 0 on
+/** Allocation functions: null on failure (last error 0x90006), last error 0 on
  * success. They do not log. */
 OSTREL_API void *Ostrel_Malloc_D(uint64_t ullSize, const char *szFile, uint32_t uiLine);
+/** Allocates ullCount * ullSize zero-filled bytes (a product that overflows
+ * fails with 0x90006); tracked with szFile and uiLine in debugging mode. */
 OSTREL_API void *Ostrel_Calloc_D(uint64_t ullCount, uint64_t ullSize, const char *szFile, uint32_t uiLine);
-/* In debugging mode the resized block takes this call's file and line and
+/** In debugging mode the resized block takes this call's file and line and
  * becomes the newest. A pointer that is not a good tracked block (null, or one
  * whose guards are broken) is handed to realloc as it is. When the resize
  * fails, the old block stays valid for the caller but is off the leak list. */
 OSTREL_API void *Ostrel_Realloc_D(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine);
-/* In debugging mode a pointer whose guards are broken is released without
+/** In debugging mode a pointer whose guards are broken is released without
  * being taken off the leak list; a null pointer is ignored. */
 OSTREL_API void Ostrel_Free(void *pvMem);
 
-/* Writes the live blocks to the text file at szFilePath (appended, created if
+/** Writes the live blocks to the text file at szFilePath (appended, created if
  * missing). Does nothing while debugging is off. The summary is
  *   "[New summary]\n"
  * then "No memory block existed.\n" for an empty list, or one line per block,
@@ -44,7 +48,7 @@ OSTREL_API void Ostrel_Free(void *pvMem);
  * call it while no other thread allocates. */
 OSTREL_API void Ostrel_MemorySummary(const char *szFilePath);
 
-/* Copies iSrcLen bytes of pvSrc to the caller's buffer pvDst, whose room is in
+/** Copies iSrcLen bytes of pvSrc to the caller's buffer pvDst, whose room is in
  * *piDstLen; *piDstLen receives the length needed in every case.
  *  - pvDst null: a size query, returns 0;
  *  - iSrcLen above the room: nothing copied, returns 0x90006;
@@ -53,7 +57,7 @@ OSTREL_API void Ostrel_MemorySummary(const char *szFilePath);
  * Otherwise returns 0. */
 OSTREL_API uint32_t Ostrel_OutputBuffer(const void *pvSrc, int32_t iSrcLen, void *pvDst, int32_t *piDstLen);
 
-/* Sets a library option. OSL_OPTION_MEMORY_DEBUG with the value (void *)1
+/** Sets a library option. OSL_OPTION_MEMORY_DEBUG with the value (void *)1
  * switches memory debugging on, for good; it must be done before any of the
  * allocation functions above has been called, by any thread (else 0x90016,
  * and debugging stays off). Once on, setting it again returns 0 whatever the
@@ -64,7 +68,7 @@ OSTREL_API uint32_t Ostrel_OutputBuffer(const void *pvSrc, int32_t iSrcLen, void
  * threads. */
 OSTREL_API uint32_t Ostrel_SetOption(int32_t iIndex, void *pvValue);
 
-/* Convenience forms that record the caller's own file and line. */
+/** Convenience forms that record the caller's own file and line. */
 #define OSTREL_MALLOC(size) Ostrel_Malloc_D((size), __FILE__, __LINE__)
 #define OSTREL_CALLOC(count, size) Ostrel_Calloc_D((count), (size), __FILE__, __LINE__)
 #define OSTREL_REALLOC(p, size) Ostrel_Realloc_D((p), (size), __FILE__, __LINE__)

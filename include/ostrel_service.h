@@ -1,4 +1,6 @@
-/*
+/**
+ * @file ostrel_service.h
+ *
  * Ostrel: service wrappers. They turn a program's main function into a
  * long-running process guarded by a write-locked pid file.
  *
@@ -27,25 +29,25 @@
 
 OSTREL_EXTERN_C_BEGIN
 
-/* Start callbacks: 0 means the service has started. */
+/** Start callbacks: 0 means the service has started. */
 typedef uint32_t (*OstrelServiceStart)(void);
 typedef uint32_t (*OstrelServiceStartEx)(void *pParam);
 
-/* Service mode: daemon, "./qmv_sv_<name>.pid", callback(). */
+/** Service mode: daemon, "./qmv_sv_<name>.pid", callback(). */
 OSTREL_API uint32_t Ostrel_Service_Wrapper(const char *szServiceName, int argc, char **argv,
                                            OstrelServiceStart pfnStart);
-/* Service mode: daemon, "./qmv_sv_<name>.pid", callback(pParam). */
+/** Service mode: daemon, "./qmv_sv_<name>.pid", callback(pParam). */
 OSTREL_API uint32_t Ostrel_Service_Wrapper_Ex(const char *szServiceName, int argc, char **argv,
                                               OstrelServiceStartEx pfnStart, void *pParam);
-/* Foreground: ".//qmv_ns_<name>.pid", callback(). */
+/** Foreground: ".//qmv_ns_<name>.pid", callback(). */
 OSTREL_API uint32_t Ostrel_NonService_Wrapper(const char *szServiceName, OstrelServiceStart pfnStart);
-/* Foreground: ".//qmv_ns_<name>.pid", callback(pParam). */
+/** Foreground: ".//qmv_ns_<name>.pid", callback(pParam). */
 OSTREL_API uint32_t Ostrel_NonService_Wrapper_Ex(const char *szServiceName, OstrelServiceStartEx pfnStart,
                                                  void *pParam);
-/* Foreground: "<szPath>/qmv_ns_<name>.pid", callback(NULL). */
+/** Foreground: "<szPath>/qmv_ns_<name>.pid", callback(NULL). */
 OSTREL_API uint32_t Ostrel_NonService_Wrapper_CustomPath(const char *szServiceName, const char *szPath,
                                                          OstrelServiceStartEx pfnStart);
-/* Foreground: "<szPath>/qmv_ns_<name>.pid", callback(pParam). */
+/** Foreground: "<szPath>/qmv_ns_<name>.pid", callback(pParam). */
 OSTREL_API uint32_t Ostrel_NonService_Wrapper_CustomPath_Ex(const char *szServiceName, const char *szPath,
                                                             OstrelServiceStartEx pfnStart, void *pParam);
 

@@ -1,4 +1,6 @@
-/*
+/**
+ * @file ostrel_threadgroup.h
+ *
  * Ostrel: thread groups, detached threads that are started in groups and
  * cancelled together.
  *
@@ -31,29 +33,29 @@ OSTREL_EXTERN_C_BEGIN
 typedef void *OstrelThreadGroupHandle;
 typedef void *OstrelThreadNodeHandle;
 
-/* A thread function: receives the caller's parameter and its thread node.
+/** A thread function: receives the caller's parameter and its thread node.
  * Its result is ignored. */
 typedef uint32_t (*OstrelThreadFunc)(void *pParam, OstrelThreadNodeHandle hNode);
 
-/* Creates an empty group. */
+/** Creates an empty group. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Create(OstrelThreadGroupHandle *phGroup);
 
-/* Starts one detached thread running pfnThread(pParam, node). The node is in
+/** Starts one detached thread running pfnThread(pParam, node). The node is in
  * the group (and reachable by CancelAll) before the thread runs. Returns
  * 0x90001 when the control socket pair or the thread cannot be made, 0x90006
  * when memory runs out; the group is then unchanged. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_NewThread(OstrelThreadGroupHandle hGroup, OstrelThreadFunc pfnThread,
                                                  void *pParam);
 
-/* Asks every thread of the group to close. */
+/** Asks every thread of the group to close. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup);
 
-/* Waits until every thread of the group has left it, then frees the group.
+/** Waits until every thread of the group has left it, then frees the group.
  * The last thread to leave wakes it, so it returns as soon as that thread
  * is out of the group. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup);
 
-/* The node's descriptor list and set. SetAdd takes any descriptor number
+/** The node's descriptor list and set. SetAdd takes any descriptor number
  * (a negative one is refused: nothing changes) and any number of them; past
  * 64 entries the list moves to the heap, and should that allocation fail the
  * descriptor is left out and every later Select fails (0x90001, errno
@@ -63,12 +65,14 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup);
  * slot (0). The length never shrinks, so each SetAdd after a SetClr adds an
  * entry. */
 OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSock);
+/** Takes a descriptor out of the node's set; the list keeps its length (see
+ * Ostrel_ThreadGroup_SetAdd). */
 OSTREL_API void Ostrel_ThreadGroup_SetClr(OstrelThreadNodeHandle hNode, int iSock);
-/* 1 if the descriptor was ready in the last Select, 0 otherwise or when it is
+/** 1 if the descriptor was ready in the last Select, 0 otherwise or when it is
  * not in the list. */
 OSTREL_API int Ostrel_ThreadGroup_SetIsSet(OstrelThreadNodeHandle hNode, int iSock);
 
-/* Waits up to iTimeout milliseconds for a descriptor of the node to become
+/** Waits up to iTimeout milliseconds for a descriptor of the node to become
  * readable (data, a connection to accept, end of file or hang-up, a pending
  * error) or for cancellation. On cancellation *piToClose is 1 and *piCount
  * 0; on a time-out both are 0; otherwise *piToClose is 0, *piCount the number
@@ -79,15 +83,15 @@ OSTREL_API int Ostrel_ThreadGroup_SetIsSet(OstrelThreadNodeHandle hNode, int iSo
 OSTREL_API uint32_t Ostrel_ThreadGroup_Select(OstrelThreadNodeHandle hNode, int32_t iTimeout, int *piToClose,
                                               int *piCount);
 
-/* Waits up to iTimeout milliseconds for cancellation alone; *piToClose
+/** Waits up to iTimeout milliseconds for cancellation alone; *piToClose
  * tells whether it came. Fails as Select does (a negative timeout, a
  * signal). */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32_t iTimeout, int *piToClose);
 
-/* Logs one line per thread of the group, newest first. */
+/** Logs one line per thread of the group, newest first. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_OutputStatus(OstrelThreadGroupHandle hGroup);
 
-/* Self-test: runs a TCP echo server on port 27778 and a client opening a
+/** Self-test: runs a TCP echo server on port 27778 and a client opening a
  * connection every 200 ms, all on thread groups, for uiSeconds seconds, then
  * cancels everything in cascade. Writes "count=N" lines and "terminate" to
  * standard output. Returns 0, or the code of a failing group operation. */

@@ -2,7 +2,8 @@
 # Installs what building and testing Ostrel needs on a fresh Debian machine.
 # Only missing packages are installed; pass extra package names as arguments.
 set -euo pipefail
-need=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev zlib1g-dev clang libclang-rt-14-dev "$@")
+need=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev zlib1g-dev clang libclang-rt-14-dev
+  abigail-tools doxygen "$@")
 missing=()
 for p in "${need[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

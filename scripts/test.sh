@@ -3,16 +3,17 @@
 #   plain (-Werror), ThreadSanitizer, libFuzzer runs (clang, bounded time),
 #   AArch64 and big-endian s390x cross builds with the suite under qemu-user,
 #   analysis (clang-tidy, cppcheck, valgrind memcheck over the plain build),
+#   Debian packages (built, contents checked, lintian, consumer against them),
 #   and AddressSanitizer + UndefinedBehaviorSanitizer last.
 # Any failure or sanitizer finding stops the run with a non-zero status.
 # Environment: OSTREL_FUZZ_SECONDS (default 60) bounds each fuzz target's run;
-# OSTREL_STAGES (default "plain tsan fuzz aarch64 s390x analysis asan") picks stages.
+# OSTREL_STAGES (default "plain tsan fuzz aarch64 s390x analysis packages asan") picks stages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
 
-stages=${OSTREL_STAGES:-"plain tsan fuzz aarch64 s390x analysis asan"}
+stages=${OSTREL_STAGES:-"plain tsan fuzz aarch64 s390x analysis packages asan"}
 fuzz_seconds=${OSTREL_FUZZ_SECONDS:-60}
 jobs=$(nproc)
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
@@ -86,6 +87,12 @@ for s in $stages; do
     OSTREL_ANALYZE_BUILD_DIR="$root/build-ci-plain" bash scripts/analyze.sh
     last_summary=$(grep -E '^[0-9]+% tests passed' "$root/build-ci-plain/analysis/memcheck.txt" | tail -n 1)
     stage_end analysis ;;
+  packages)
+    # Debian packages built, their contents checked, lintian, and the consumer
+    # built against the unpacked packages.
+    stage_start packages
+    OSTREL_PACKAGES_DIR="$root/build-ci-packages" bash scripts/packages.sh
+    stage_end packages ;;
   asan)
     stage_start asan
     build_and_test asan -DOSTREL_SANITIZE="address;undefined"

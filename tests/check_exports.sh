@@ -1,9 +1,11 @@
 #!/bin/sh
 # The shared library exports exactly the functions the public headers mark
-# OSTREL_API: nothing internal, nothing missing.
+# OSTREL_API: nothing internal, nothing missing, each under the version node
+# given as the third argument.
 set -eu
 lib=$1
 incdir=$2
+node=$3
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 # Declared: the identifier before the first "(" of each OSTREL_API declaration,
@@ -12,7 +14,14 @@ cat "$incdir"/*.h | perl -0777 -ne '
   s{/\*.*?\*/}{}gs; s{//[^\n]*}{}g; s{^[ \t]*#[^\n]*}{}gm;
   while (/\bOSTREL_API\b([^;{]*?)\(/g) { my $d = $1; print "$1\n" if $d =~ /([A-Za-z_]\w*)\s*$/ }
 ' | sort -u >"$tmp/declared"
-nm -D --defined-only "$lib" | awk '{print $NF}' | sort -u >"$tmp/exported"
+# Every function carries the version node of the library (NAME@@NODE); the
+# node itself is listed as an absolute symbol.
+nm -D --defined-only "$lib" | awk '$2 != "A" {print $NF}' >"$tmp/versioned"
+if grep -v "@@$node\$" "$tmp/versioned"; then
+  echo "exported without the version node $node (above)"
+  exit 1
+fi
+sed 's/@@.*//' "$tmp/versioned" | sort -u >"$tmp/exported"
 if ! diff -u "$tmp/declared" "$tmp/exported"; then
   echo "exported symbols differ from the public headers (- declared only, + exported only)"
   exit 1

@@ -42,15 +42,15 @@ TEST(ListModel, AgreesWithAVectorUnderRandomAddsAndDeletes) {
             for (size_t i = 0; i <= model.size() + 1; ++i) { // past the end twice
                 const bool in = i < model.size();
                 const char *value = pool + (in ? model[i].second : 0);
-                void *data = nullptr, *by_index_data = nullptr;
-                int32_t len = -99, by_index_len = -99;
+                void *data = nullptr, *by_index_data = nullptr, *by_node_data = nullptr;
+                int32_t len = -99, by_index_len = -99, by_node_len = -99;
                 ASSERT_EQ(Ostrel_List_IterateEx(it, &(n = nullptr), &data, &len, &end), 0u);
                 ASSERT_EQ(Ostrel_List_GetNodeEx(l, static_cast<int32_t>(i), &by_index, &by_index_data, &by_index_len), in ? 0u : OSL_ERR_NOT_FOUND);
                 ASSERT_TRUE(in ? !end && n == model[i].first && nodes[i] == n && by_index == n && by_index_data == data && by_index_len == len
                                : end && n == nullptr && data == nullptr && len == -99);
                 ASSERT_TRUE(!in || (len == length(model[i].second) && (data == value) == (mode == NODE_STORAGE_REFERENCE) && // copy: own bytes
                                     memcmp(data, value, static_cast<size_t>(std::max(len, 0))) == 0));
-                ASSERT_TRUE(!in || (Ostrel_List_GetNodeData(n, &by_index_data, &by_index_len) == 0 && by_index_data == data && by_index_len == len));
+                ASSERT_TRUE(!in || (Ostrel_List_GetNodeData(n, &by_node_data, &by_node_len) == 0 && by_node_data == data && by_node_len == len));
             }
             ASSERT_EQ(Ostrel_List_EndIterate(it), 0u);
         }
