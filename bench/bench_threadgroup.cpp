@@ -1,8 +1,9 @@
 // How long it takes to stop 200 waiting threads: a thread group's CancelAll
-// + Destroy (threads waiting in Select; Destroy polls the group every 50 ms)
-// against 200 std::threads waiting on a condition variable, woken with
-// notify_all and joined. Each repetition is one stop of 200 fresh threads;
-// the median over the repetitions is the figure to read.
+// + Destroy (threads waiting in Select; Destroy returns once the last thread
+// has left the group, woken by it) against 200 std::threads waiting on a
+// condition variable, woken with notify_all and joined. Each repetition is
+// one stop of 200 fresh threads; the median over the repetitions is the
+// figure to read, the two medians of one run the ones to compare.
 #include <benchmark/benchmark.h>
 
 #include <dirent.h>

@@ -11,13 +11,12 @@
 #ifndef OSTREL_KV_PROTOCOL_H
 #define OSTREL_KV_PROTOCOL_H
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "ostrel_error.h"
-#include "ostrel_netbase.h"
-#include "ostrel_serializer.h"
+#include "ostrel.hpp"
 
 namespace kv {
 
@@ -48,82 +47,58 @@ struct Reply {
 // A client connection: one request, one reply at a time.
 class Client {
 public:
-    Client() = default;
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-    ~Client() { close(); }
-
     uint32_t connect(const char *host, int port) {
-        uint32_t timeout = kTimeoutMs;
-        return netbase_client_tcp_connect(host, port, &timeout, &conn_);
+        auto c = ostrel::connection::connect(host, port, std::chrono::milliseconds(kTimeoutMs));
+        if (c) conn_ = std::move(*c);
+        return ostrel::to_code(c.error());
     }
-    void close() {
-        if (conn_ != nullptr) netbase_close(conn_);
-        conn_ = nullptr;
-    }
+    void close() { conn_ = ostrel::connection(); }
 
     // Sends one request and reads its reply. A transport or packet failure is
     // returned; the service's own verdict is in reply.code.
     uint32_t call(int32_t op, const char *key, const char *value, Reply &reply) {
-        Ostrel_SerializerConfig cfg = packet_config();
-        Ostrel_Serializer *req = nullptr;
-        uint32_t rc = Ostrel_Serializer_SerializeInit(&cfg, &req);
-        if (rc != 0) return rc;
-        rc = Ostrel_Serializer_Serialize(req, OSL_SLZ_MODE_APPEND, "%1.d %2.s %3.s", op, key, value);
-        unsigned char *buf = nullptr;
-        int len = 0;
-        if (rc == 0) rc = Ostrel_Serializer_GetBuffer(req, &buf, &len);
-        if (rc == 0) rc = netbase_send_packet(conn_, buf, len, kTimeoutMs);
-        Ostrel_Serializer_Destroy(req);
-        if (rc != 0) return rc;
-        void *in = nullptr;
-        int32_t in_len = 0;
-        rc = netbase_receive_packet(conn_, &in, &in_len, kTimeoutMs);
-        if (rc != 0) return rc;
-        return parse_reply(static_cast<unsigned char *>(in), in_len, op, reply);
-    }
-
-    NetbaseCtx *handle() const { return conn_; }
-
-private:
-    static uint32_t parse_reply(unsigned char *pkt, int len, int32_t op, Reply &reply) {
-        reply = Reply{};
-        Ostrel_Serializer *h = nullptr;
-        uint32_t rc = Ostrel_Serializer_DeserializeInit(pkt, len, &h);
-        if (rc != 0) return rc;
-        int32_t code = 0;
-        char *text = nullptr;
-        rc = Ostrel_Serializer_Deserialize(h, "%1.d @2.s", &code, &text);
-        if (rc == 0) {
-            reply.code = static_cast<uint32_t>(code);
-            if (text != nullptr) reply.text = text;
-        }
-        if (rc == 0 && code == 0) {
-            if (op == KV_OP_GET) {
-                char *v = nullptr;
-                rc = Ostrel_Serializer_Deserialize(h, "@3.s", &v);
-                if (rc == 0 && v != nullptr) reply.value = v;
-            } else if (op == KV_OP_COUNT) {
-                rc = Ostrel_Serializer_Deserialize(h, "%4.d", &reply.count);
-            } else if (op == KV_OP_LIST) {
-                // The entry count comes first so the handle array can be sized.
-                rc = Ostrel_Serializer_Deserialize(h, "%4.d", &reply.count);
-                unsigned int n = rc == 0 && reply.count > 0 ? static_cast<unsigned int>(reply.count) : 0;
-                std::vector<Ostrel_Serializer *> items(n, nullptr);
-                if (rc == 0) rc = Ostrel_Serializer_Deserialize(h, "@5.ab", items.data(), &n);
-                for (Ostrel_Serializer *e : items) {
-                    char *k = nullptr, *v = nullptr;
-                    if (rc == 0 && e != nullptr) rc = Ostrel_Serializer_Deserialize(e, "@1.s @2.s", &k, &v);
-                    if (rc == 0) reply.entries.emplace_back(k ? k : "", v ? v : "");
-                    if (e != nullptr) Ostrel_Serializer_Destroy(e);
-                }
+        using ostrel::at;
+        const std::chrono::milliseconds timeout(kTimeoutMs);
+        std::error_code e;
+        {
+            auto req = ostrel::writer::create(packet_config());
+            if (!req) return ostrel::to_code(req.error());
+            if (!(e = req->write(at(1, op), at(2, key), at(3, value)))) {
+                auto buf = req->buffer();
+                e = buf ? conn_.send(*buf, timeout) : buf.error();
             }
         }
-        Ostrel_Serializer_Destroy(h);
-        return rc;
+        auto in = e ? ostrel::result<ostrel::byte_view>(e) : conn_.receive(timeout);
+        if (!in) return ostrel::to_code(in.error());
+        reply = Reply{};
+        auto rd = ostrel::reader::open(*in);
+        if (!rd) return ostrel::to_code(rd.error());
+        int32_t code = 0;
+        std::string_view text, v;
+        if ((e = rd->read(at(1, code), at(2, text)))) return ostrel::to_code(e);
+        reply.code = static_cast<uint32_t>(code);
+        reply.text = text;
+        if (code != 0) return 0;
+        if (op == KV_OP_GET && !(e = rd->read(at(3, v)))) reply.value = v;
+        if (op == KV_OP_COUNT) e = rd->read(at(4, reply.count));
+        if (op == KV_OP_LIST) {
+            // The entry count comes first so the room for the entries can be sized.
+            e = rd->read(at(4, reply.count));
+            std::vector<ostrel::reader> items(!e && reply.count > 0 ? size_t(reply.count) : 0);
+            if (!e) e = rd->read(at(5, items));
+            for (auto &item : items) {
+                std::string_view k;
+                if (!e) e = item.read(at(1, k), at(2, v));
+                if (!e) reply.entries.emplace_back(k, v);
+            }
+        }
+        return ostrel::to_code(e);
     }
 
-    NetbaseCtx *conn_ = nullptr;
+    NetbaseCtx *handle() const { return conn_.get(); }
+
+private:
+    ostrel::connection conn_;
 };
 
 } // namespace kv

@@ -1,11 +1,12 @@
 // ostrel-kv: command-line client of ostrel-kvd.
 //
-//   ostrel-kv [--host H] [--port P] put KEY VALUE | get KEY | del KEY | count | list
-//   ostrel-kv [--host H] [--port P] bench [--clients N] [--requests M]
+//   ostrel-kv [--host H] [--port P] [--log-dir DIR] put KEY VALUE | get KEY | del KEY | count | list
+//   ostrel-kv [--host H] [--port P] [--log-dir DIR] bench [--clients N] [--requests M]
 //
 // Exit status: 0 when the service answered with success, 1 when it answered
 // with an error (printed as "error 0x...: text"), 2 for usage or transport
-// failures.
+// failures (printed with the socket layer's reason). No log file is written
+// unless --log-dir names a directory.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -19,27 +20,35 @@
 #include <unistd.h>
 
 #include "kv_protocol.h"
+#include "tool_log.h"
 
 namespace {
 
 int usage() {
-    fprintf(stderr, "usage: ostrel-kv [--host H] [--port P] put KEY VALUE | get KEY | del KEY | count | list\n"
-                    "       ostrel-kv [--host H] [--port P] bench [--clients N] [--requests M]\n");
+    fprintf(stderr, "usage: ostrel-kv [--host H] [--port P] [--log-dir DIR] put KEY VALUE | get KEY | del KEY | count | list\n"
+                    "       ostrel-kv [--host H] [--port P] [--log-dir DIR] bench [--clients N] [--requests M]\n");
     return 2;
 }
 
-int transport_error(const char *what, uint32_t rc) {
-    fprintf(stderr, "ostrel-kv: %s failed: 0x%x %s\n", what, rc, Ostrel_GetErrorText(rc));
+// A failed connect or request, with the socket layer's own reason when the
+// failure came from a socket call ("connect: Connection refused").
+int transport_error(const char *what, const char *host, int port, uint32_t rc) {
+    const std::string why = NetWork_GetErrorText();
+    if (why != "Success")
+        fprintf(stderr, "ostrel-kv: %s %s:%d failed: %s (0x%x %s)\n", what, host, port, why.c_str(), rc,
+                Ostrel_GetErrorText(rc));
+    else
+        fprintf(stderr, "ostrel-kv: %s %s:%d failed: 0x%x %s\n", what, host, port, rc, Ostrel_GetErrorText(rc));
     return 2;
 }
 
 int run_one(const char *host, int port, int32_t op, const char *key, const char *value) {
     kv::Client c;
     uint32_t rc = c.connect(host, port);
-    if (rc != 0) return transport_error("connect", rc);
+    if (rc != 0) return transport_error("connect to", host, port, rc);
     kv::Reply r;
     rc = c.call(op, key, value, r);
-    if (rc != 0) return transport_error("request", rc);
+    if (rc != 0) return transport_error("request to", host, port, rc);
     if (r.code != 0) {
         printf("error 0x%x: %s\n", r.code, r.text.c_str());
         return 1;
@@ -121,17 +130,21 @@ int run_bench(const char *host, int port, int clients, int requests) {
 
 int main(int argc, char **argv) {
     const char *host = "127.0.0.1";
+    const char *log_dir = nullptr;
     int port = kv::kDefaultPort;
     int i = 1;
     for (; i < argc; ++i) {
         if (strcmp(argv[i], "--host") == 0 && i + 1 < argc)
             host = argv[++i];
+        else if (strcmp(argv[i], "--log-dir") == 0 && i + 1 < argc)
+            log_dir = argv[++i];
         else if (strcmp(argv[i], "--port") == 0 && i + 1 < argc)
             port = atoi(argv[++i]);
         else
             break;
     }
     if (i >= argc) return usage();
+    if (int st = tool_log::start("ostrel-kv", log_dir, argv)) return st;
     std::string cmd = argv[i++];
     int rest = argc - i;
     if (cmd == "put" && rest == 2) return run_one(host, port, kv::KV_OP_PUT, argv[i], argv[i + 1]);

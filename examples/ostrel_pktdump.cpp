@@ -1,13 +1,15 @@
 // ostrel-pktdump: prints a serialized packet as an indented tree.
 //
-//   ostrel-pktdump [--hex | --raw] [FILE | -]
+//   ostrel-pktdump [--hex | --raw] [--log-dir DIR] [FILE | -]
 //
 // The packet is read from FILE or standard input, as raw bytes or as hex text
 // (detected automatically unless --hex or --raw is given). It is first opened
 // with the library's own reader, so a packet the library would refuse is
 // reported with the library's reason and a non-zero exit status; a valid one
-// is then walked item by item, nested packets recursively.
+// is then walked item by item, nested packets recursively. No log file is
+// written unless --log-dir names a directory.
 #include <cctype>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "ostrel_serializer.h"
+#include "tool_log.h"
 #include "zurn_general.h"
 
 namespace {
@@ -209,7 +212,7 @@ bool dump_packet(const unsigned char *pkt, size_t len, int depth) {
 }
 
 int usage() {
-    fprintf(stderr, "usage: ostrel-pktdump [--hex | --raw] [FILE | -]\n");
+    fprintf(stderr, "usage: ostrel-pktdump [--hex | --raw] [--log-dir DIR] [FILE | -]\n");
     return 2;
 }
 
@@ -217,12 +220,14 @@ int usage() {
 
 int main(int argc, char **argv) {
     int format = 0; // 0 auto, 1 hex, 2 raw
-    const char *path = nullptr;
+    const char *path = nullptr, *log_dir = nullptr;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--hex") == 0)
             format = 1;
         else if (strcmp(argv[i], "--raw") == 0)
             format = 2;
+        else if (strcmp(argv[i], "--log-dir") == 0 && i + 1 < argc)
+            log_dir = argv[++i];
         else if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)
             return usage(), 0;
         else if (path == nullptr)
@@ -230,31 +235,34 @@ int main(int argc, char **argv) {
         else
             return usage();
     }
+    if (int st = tool_log::start("ostrel-pktdump", log_dir, argv)) return st;
     FILE *f = (path == nullptr || strcmp(path, "-") == 0) ? stdin : fopen(path, "rb");
     if (f == nullptr) {
-        perror(path);
+        fprintf(stderr, "ostrel-pktdump: cannot open %s: %s\n", path, strerror(errno));
         return 2;
     }
     std::vector<unsigned char> in, pkt;
     bool ok = read_all(f, in);
+    const int err = errno;
     if (f != stdin) fclose(f);
     if (!ok) {
-        fprintf(stderr, "ostrel-pktdump: read error\n");
+        fprintf(stderr, "ostrel-pktdump: cannot read %s: %s\n", f == stdin ? "standard input" : path, strerror(err));
         return 2;
     }
     if (format == 1 || (format == 0 && looks_like_hex(in))) {
         if (!decode_hex(in, pkt)) {
-            fprintf(stderr, "ostrel-pktdump: malformed hex text\n");
+            fprintf(stderr, "ostrel-pktdump: the hex text has a character that is no hex digit, or an odd number of "
+                            "digits (--raw reads the bytes as they are)\n");
             return 2;
         }
     } else {
         pkt.swap(in);
     }
     if (pkt.size() > 0x7FFFFFFFu) {
-        fprintf(stderr, "ostrel-pktdump: input too large\n");
+        fprintf(stderr, "ostrel-pktdump: input too large (a packet holds at most 2 GiB)\n");
         return 2;
     }
-    ZurnGeneral_SetLogSink(capture, nullptr, ZURN_LOG_SINK_ONLY);
+    ZurnGeneral_SetLogSink(capture, nullptr, log_dir != nullptr ? ZURN_LOG_SINK_AND_FILE : ZURN_LOG_SINK_ONLY);
     if (ZurnGeneral_GetLogLevel() > LOG_LEVEL_ERROR) ZurnGeneral_SetLogLevel(LOG_LEVEL_ERROR);
     bool valid = dump_packet(pkt.data(), pkt.size(), 0);
     ZurnGeneral_SetLogSink(nullptr, nullptr, ZURN_LOG_SINK_AND_FILE);

@@ -11,8 +11,13 @@
  * every thread's control socket; the byte is never read, so once cancelled a
  * thread sees "to close" at once in every later Select or Sleep. When the
  * thread function returns, the library unlinks and frees the node.
- * Ostrel_ThreadGroup_Destroy waits (polling every 50 ms, without limit) until
- * no thread of the group is left; it does not cancel by itself.
+ * Ostrel_ThreadGroup_Destroy waits, without limit, until no thread of the
+ * group is left: the thread that leaves the group empty wakes it, and it also
+ * looks every 50 ms. It does not cancel by itself.
+ *
+ * Select and Sleep wait through poll(2): any descriptor number the process
+ * can open may be watched, the control sockets included, and the results
+ * are those of select(2) with the node's descriptors as its read set.
  *
  * A node belongs to its own thread: only that thread may call SetAdd, SetClr,
  * SetIsSet, Select and Sleep with it. Group handles carry no magic number and
@@ -45,14 +50,20 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_NewThread(OstrelThreadGroupHandle hGroup,
 /** Asks every thread of the group to close. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup);
 
-/** Waits until every thread of the group has ended, then frees the group. */
+/** Waits until every thread of the group has left it, then frees the group.
+ * The last thread to leave wakes it, so it returns as soon as that thread
+ * is out of the group. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup);
 
-/** The node's descriptor list (at most 64 descriptors below FD_SETSIZE; others
- * are ignored). SetAdd of a descriptor already present changes nothing.
- * SetClr takes the descriptor out of the select set and closes the gap in the
- * list, but keeps the list's length: the last entry takes the value of the
- * first unused slot (0 in a node that never held more entries). */
+/** The node's descriptor list and set. SetAdd takes any descriptor number
+ * (a negative one is refused: nothing changes) and any number of them; past
+ * 64 entries the list moves to the heap, and should that allocation fail the
+ * descriptor is left out and every later Select fails (0x90001, errno
+ * ENOMEM). SetAdd of a descriptor already present changes nothing. SetClr
+ * takes the descriptor out of the set and closes the gap in the list, but
+ * keeps the list's length: the last entry takes the value of the first unused
+ * slot (0). The length never shrinks, so each SetAdd after a SetClr adds an
+ * entry. */
 OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSock);
 /** Takes a descriptor out of the node's set; the list keeps its length (see
  * Ostrel_ThreadGroup_SetAdd). */
@@ -62,14 +73,19 @@ OSTREL_API void Ostrel_ThreadGroup_SetClr(OstrelThreadNodeHandle hNode, int iSoc
 OSTREL_API int Ostrel_ThreadGroup_SetIsSet(OstrelThreadNodeHandle hNode, int iSock);
 
 /** Waits up to iTimeout milliseconds for a descriptor of the node to become
- * readable or for cancellation. On cancellation *piToClose is 1 and *piCount
+ * readable (data, a connection to accept, end of file or hang-up, a pending
+ * error) or for cancellation. On cancellation *piToClose is 1 and *piCount
  * 0; on a time-out both are 0; otherwise *piToClose is 0, *piCount the number
- * of ready descriptors, and SetIsSet tells which. 0x90001 if select fails. */
+ * of ready descriptors, and SetIsSet tells which. Returns 0x90001, logging
+ * "select=-1,errno=N", where select(2) would fail: errno EINVAL for a
+ * negative timeout, EBADF when a descriptor of the set is not open (one that
+ * was closed without SetClr), EINTR when a signal handler ran. */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Select(OstrelThreadNodeHandle hNode, int32_t iTimeout, int *piToClose,
                                               int *piCount);
 
 /** Waits up to iTimeout milliseconds for cancellation alone; *piToClose
- * tells whether it came. */
+ * tells whether it came. Fails as Select does (a negative timeout, a
+ * signal). */
 OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32_t iTimeout, int *piToClose);
 
 /** Logs one line per thread of the group, newest first. */

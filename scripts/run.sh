@@ -36,7 +36,7 @@ expect() { # expected-output command...
 }
 
 echo "== starting ostrel-kvd (pid file and logs in $work)"
-ZURN_LOG_DIR="$work" ZURN_LOG_LEVEL=INFO "$kvd" --port 0 --pid-dir "$work" >"$out" 2>&1 &
+ZURN_LOG_LEVEL=INFO "$kvd" --port 0 --pid-dir "$work" --log-dir "$work" >"$out" 2>&1 &
 kvd_pid=$!
 for _ in $(seq 100); do
   grep -q 'listening on' "$out" 2>/dev/null && break

@@ -5,7 +5,11 @@
 // CancelAll writes one byte into end 0 of every node. Nobody reads that byte,
 // so a cancelled thread keeps seeing "to close" in every later wait. The
 // thread's wrapper unlinks and frees the node when the thread function
-// returns; Destroy polls until the group's list is empty.
+// returns, and wakes a waiting Destroy when it leaves the group empty.
+//
+// Select and Sleep wait through poll(2), so any descriptor number the process
+// can open can be watched, with the results select(2) gives for a read set:
+// the same ready count, ready descriptors and failures, and the same traces.
 #define OSL_SRC_PATH "src/tdctl"
 #include <arpa/inet.h>
 #include <cerrno>
@@ -15,8 +19,8 @@
 #include <ctime>
 #include <type_traits>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,23 +29,52 @@
 
 namespace {
 
-constexpr int kMaxNodeSocks = 64;
+// Descriptor-list entries a node holds in place; more move to the heap.
+constexpr int kInlineSocks = 64;
+
+// What a wait asks poll for, and the results select(2) counts as "readable":
+// data or a connection to accept, end of file or hang-up, a pending error.
+constexpr short kReadEvents = POLLIN | POLLRDNORM | POLLRDBAND;
+constexpr short kReadReady = kReadEvents | POLLHUP | POLLERR;
+
+// The texts the waits are traced under, those of their select(2) form.
+#define TG_SELECT_TEXT "select(node->sock_max+1,&sock_sets,0,0,&timeout)"
+#define TG_SLEEP_TEXT "select(node->control_unit[1]+1,&sock_sets,0,0,&timeout)"
 
 struct TGNode {
     TGNode *next;
     TGNode *prev;
     int control_unit[2]; // [0] written by CancelAll, [1] watched by the thread
-    fd_set sock_sets;
-    int sock_max;
+    // The descriptor set: end 1 of control_unit and every descriptor added
+    // and not cleared since, each once, as poll takes them. It never holds
+    // more than sock_capacity + 1 entries: apart from end 1, each member is
+    // also in the descriptor list.
+    pollfd *sock_sets;
+    int sock_set_count;
     pthread_t tid;
-    int sock_list[kMaxNodeSocks];
-    int sock_ready[kMaxNodeSocks];
+    int *sock_list;  // the added descriptors in the order of addition
+    int *sock_ready; // parallel to sock_list, set by Select
+    int sock_capacity;
     int sock_count; // written by the owning thread, read by OutputStatus
+    // ENOMEM once SetAdd could not make room for a descriptor: the set misses
+    // it, so every later Select of the node fails with this errno.
+    int set_errno;
+    void *spill; // heap block holding the three arrays once they outgrow the node
+    pollfd sets_inline[kInlineSocks + 1];
+    int list_inline[kInlineSocks];
+    int ready_inline[kInlineSocks];
 };
 
 struct TGGroup {
-    pthread_mutex_t lock;
-    TGNode *first; // Destroy polls it without the lock: atomic accesses only
+    pthread_mutex_t lock; // guards every field and is the mutex of `emptied`
+    TGNode *first;
+    pthread_cond_t emptied; // signalled when the list empties or sending ends
+    // CancelAll calls sending outside the lock. While one is, a leaving
+    // thread's node keeps end 0 of its pair open on `kept` (through next),
+    // since the byte may still be on its way there; the last of them closes
+    // and frees those nodes.
+    int senders;
+    TGNode *kept;
 };
 
 struct TGThreadParam {
@@ -54,8 +87,8 @@ struct TGThreadParam {
 // The byte CancelAll sends; only its first character goes out.
 const char kStopText[] = "stop";
 
-TGNode *group_first(TGGroup *group) { return __atomic_load_n(&group->first, __ATOMIC_ACQUIRE); }
-void set_group_first(TGGroup *group, TGNode *node) { __atomic_store_n(&group->first, node, __ATOMIC_RELEASE); }
+// Destroy looks at the group at least this often, woken or not.
+constexpr long kDestroyLookNs = 50L * 1000 * 1000;
 
 int node_sock_count(TGNode *node) { return __atomic_load_n(&node->sock_count, __ATOMIC_RELAXED); }
 void set_node_sock_count(TGNode *node, int n) { __atomic_store_n(&node->sock_count, n, __ATOMIC_RELAXED); }
@@ -69,28 +102,22 @@ template <class T> unsigned tid_bits(T tid) {
         return static_cast<unsigned>(tid);
 }
 
-bool fits_fd_set(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
-
 // Makes the node's control socket pair and starts its descriptor set with
-// end 1. A pair whose end does not fit a select set is refused like a failed
-// socketpair (EMFILE), since the thread could never wait on it.
+// end 1, in the arrays the node holds in place.
 uint32_t _control_unit_init(TGNode *node) {
     int rc;
     OSL_TRACED_CALL(rc, socketpair(AF_UNIX,SOCK_STREAM,0,node->control_unit));
-    if (rc == 0 && !fits_fd_set(node->control_unit[1])) {
-        close(node->control_unit[0]);
-        close(node->control_unit[1]);
-        errno = EMFILE;
-        rc = -1;
-    }
     if (rc != 0) {
         OSL_LOG(LOG_LEVEL_TRACE, "socketpair failed! errno=%d", errno);
         OSL_LOG_ERRNO(OSL_ERR_UNKNOWN);
         return OSL_ERR_UNKNOWN;
     }
-    FD_ZERO(&node->sock_sets);
-    FD_SET(node->control_unit[1], &node->sock_sets);
-    node->sock_max = node->control_unit[1];
+    node->sock_sets = node->sets_inline;
+    node->sock_list = node->list_inline;
+    node->sock_ready = node->ready_inline;
+    node->sock_capacity = kInlineSocks;
+    node->sock_sets[0] = {node->control_unit[1], kReadEvents, 0};
+    node->sock_set_count = 1;
     return 0;
 }
 
@@ -99,11 +126,96 @@ void close_control_unit(TGNode *node) {
     close(node->control_unit[1]);
 }
 
+void free_node(TGNode *node) {
+    free(node->spill);
+    free(node);
+}
+
+// Doubles the room of the node's list, ready flags and set. The slots past
+// the list's end stay 0, as SetClr expects. False when memory runs out.
+bool grow_node(TGNode *node) {
+    int capacity = node->sock_capacity * 2;
+    size_t sets_bytes = sizeof(pollfd) * static_cast<size_t>(capacity + 1);
+    size_t ints_bytes = sizeof(int) * static_cast<size_t>(capacity);
+    auto *block = static_cast<unsigned char *>(calloc(1, sets_bytes + 2 * ints_bytes));
+    if (block == nullptr) return false;
+    auto *sets = reinterpret_cast<pollfd *>(block);
+    auto *list = reinterpret_cast<int *>(block + sets_bytes);
+    auto *ready = reinterpret_cast<int *>(block + sets_bytes + ints_bytes);
+    memcpy(sets, node->sock_sets, sizeof(pollfd) * static_cast<size_t>(node->sock_set_count));
+    memcpy(list, node->sock_list, sizeof(int) * static_cast<size_t>(node->sock_capacity));
+    memcpy(ready, node->sock_ready, sizeof(int) * static_cast<size_t>(node->sock_capacity));
+    free(node->spill);
+    node->spill = block;
+    node->sock_sets = sets;
+    node->sock_list = list;
+    node->sock_ready = ready;
+    node->sock_capacity = capacity;
+    return true;
+}
+
+// The index of a descriptor in the node's set, or -1.
+int set_index(const TGNode *node, int iSock) {
+    for (int i = 0; i < node->sock_set_count; ++i)
+        if (node->sock_sets[i].fd == iSock) return i;
+    return -1;
+}
+
+// Whether the last wait found a member of the set readable.
+bool set_ready(const TGNode *node, int iSock) {
+    int i = set_index(node, iSock);
+    return i >= 0 && (node->sock_sets[i].revents & kReadReady) != 0;
+}
+
+// Waits as select(2) does with these descriptors as its read set and a
+// timeout of iTimeout milliseconds: returns the number of readable ones, 0
+// on time-out, or -1 with errno: EINVAL for a negative timeout (select
+// refuses a negative time), EBADF when a descriptor is not open (poll marks
+// it POLLNVAL and select fails on it), or the errno of poll itself.
+int wait_readable(pollfd *fds, int n, int32_t iTimeout) {
+    if (iTimeout < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    int rc = poll(fds, static_cast<nfds_t>(n), iTimeout);
+    if (rc <= 0) return rc;
+    int ready = 0;
+    for (int i = 0; i < n; ++i) {
+        if (fds[i].revents & POLLNVAL) {
+            errno = EBADF;
+            return -1;
+        }
+        if (fds[i].revents & kReadReady) ++ready;
+    }
+    return ready;
+}
+
+// Select's wait: the node's whole set, unless SetAdd had to leave a
+// descriptor out of it.
+int wait_node(TGNode *node, int32_t iTimeout) {
+    if (node->set_errno != 0) {
+        errno = node->set_errno;
+        return -1;
+    }
+    return wait_readable(node->sock_sets, node->sock_set_count, iTimeout);
+}
+
+// Runs a wait, traced under the text of its select(2) form; errno is what
+// the wait left.
+#define TG_TRACED_WAIT(rc, text, call)            \
+    do {                                          \
+        OSL_TRACE_CALL(text);                     \
+        (rc) = (call);                            \
+        int tg_wait_errno_ = errno;               \
+        OSL_TRACE_CALL_RESULT(text, (rc));        \
+        errno = tg_wait_errno_;                   \
+    } while (0)
+
 // Unlinks a node from its group; the caller holds the group's lock.
 void unlink_node(TGGroup *group, TGNode *node) {
     if (node->prev != nullptr) node->prev->next = node->next;
     if (node->next != nullptr) node->next->prev = node->prev;
-    if (group_first(group) == node) set_group_first(group, node->next);
+    if (group->first == node) group->first = node->next;
     node->next = nullptr;
     node->prev = nullptr;
 }
@@ -126,10 +238,23 @@ void *_thread_function_wrapper(void *pArg) {
 
     pthread_mutex_lock(&group->lock);
     unlink_node(group, node);
+    const int own_end = node->control_unit[1];
+    const bool kept = group->senders > 0;
+    if (kept) {
+        node->next = group->kept;
+        group->kept = node;
+    }
+    // Signalled under the lock: a Destroy that sees the list empty cannot
+    // free the group while this thread still uses the condition.
+    if (group->first == nullptr) pthread_cond_broadcast(&group->emptied);
     pthread_mutex_unlock(&group->lock);
 
-    close_control_unit(node);
-    free(node);
+    if (kept) {
+        close(own_end); // the node now belongs to the sending CancelAll
+    } else {
+        close_control_unit(node);
+        free_node(node);
+    }
     OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Exit");
     return nullptr;
 }
@@ -150,12 +275,20 @@ uint32_t _create_thread(void *(*func)(void *), void *param) {
     return 0;
 }
 
-// A timeout in milliseconds as select wants it.
-timeval to_timeval(int32_t iTimeout) {
-    timeval timeout;
-    timeout.tv_sec = iTimeout / 1000;
-    timeout.tv_usec = static_cast<suseconds_t>(iTimeout % 1000) * 1000;
-    return timeout;
+// Sends the cancelling byte. Never blocks: a full control socket already
+// holds unread bytes, so its thread is signalled whether or not this byte
+// fits. A thread that has left already closed the other end: the send fails
+// quietly.
+void send_stop(int iEnd) { (void)send(iEnd, kStopText, 1, MSG_DONTWAIT | MSG_NOSIGNAL); }
+
+// Makes the condition a waiting Destroy sleeps on, timed by the monotonic
+// clock so that a change of the wall clock cannot stretch a wait.
+bool init_emptied(pthread_cond_t *cond) {
+    pthread_condattr_t attr;
+    if (pthread_condattr_init(&attr) != 0) return false;
+    bool ok = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC) == 0 && pthread_cond_init(cond, &attr) == 0;
+    pthread_condattr_destroy(&attr);
+    return ok;
 }
 
 } // namespace
@@ -172,7 +305,13 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Create(OstrelThreadGroupHandle *phGroup) 
         OSL_LOG_CALL_FAILED("pthread_mutex_init(&group->lock,NULL)", OSL_ERR_UNKNOWN);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
     }
-    set_group_first(group, nullptr);
+    if (!init_emptied(&group->emptied)) {
+        pthread_mutex_destroy(&group->lock);
+        free(group);
+        OSL_LOG_CALL_FAILED("pthread_cond_init(&group->emptied,&attr)", OSL_ERR_UNKNOWN);
+        OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
+    }
+    group->first = nullptr;
     *phGroup = group;
     OSL_TRACED_RETURN(0);
 }
@@ -205,15 +344,15 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_NewThread(OstrelThreadGroupHandle hGroup,
     }
 
     pthread_mutex_lock(&group->lock);
-    node->next = group_first(group);
+    node->next = group->first;
     if (node->next != nullptr) node->next->prev = node;
-    set_group_first(group, node);
+    group->first = node;
 
     OSL_TRACED_CALL(rc, _create_thread(_thread_function_wrapper,thread_param));
     if (rc != 0) {
         unlink_node(group, node);
         close_control_unit(node);
-        free(node);
+        free_node(node);
         // The thread never ran, so the start record is still ours to free.
         free(thread_param);
         pthread_mutex_unlock(&group->lock);
@@ -228,14 +367,47 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
     OSL_TRACE_ENTER();
     OSL_ASSERT_ARG(NULL != hGroup);
     auto *group = static_cast<TGGroup *>(hGroup);
+    // The walk notes end 0 of every node under the lock; the bytes go out
+    // after it is released. Threads woken by the first bytes can then leave
+    // the group at once instead of queueing on the lock one behind the other
+    // until the last byte has gone. Without memory for the note, the bytes go
+    // out during the walk.
     pthread_mutex_lock(&group->lock);
-    for (TGNode *node = group_first(group); node != nullptr; node = node->next) {
-        // Never blocks: a full control socket already holds unread bytes, so
-        // its thread is signalled whether or not this byte fits.
-        (void)send(node->control_unit[0], kStopText, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    size_t n = 0;
+    for (TGNode *node = group->first; node != nullptr; node = node->next) ++n;
+    int *ends = n > 0 ? static_cast<int *>(malloc(n * sizeof(int))) : nullptr;
+    size_t noted = 0;
+    for (TGNode *node = group->first; node != nullptr; node = node->next) {
+        if (ends != nullptr)
+            ends[noted++] = node->control_unit[0];
+        else
+            send_stop(node->control_unit[0]);
         OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Cancel(%X)", tid_bits(node->tid));
     }
+    if (ends == nullptr) {
+        pthread_mutex_unlock(&group->lock);
+        OSL_TRACED_RETURN(0);
+    }
+    ++group->senders;
     pthread_mutex_unlock(&group->lock);
+
+    for (size_t i = 0; i < noted; ++i) send_stop(ends[i]);
+    free(ends);
+
+    pthread_mutex_lock(&group->lock);
+    TGNode *kept = nullptr;
+    if (--group->senders == 0) {
+        kept = group->kept;
+        group->kept = nullptr;
+        if (group->first == nullptr) pthread_cond_broadcast(&group->emptied);
+    }
+    pthread_mutex_unlock(&group->lock);
+    while (kept != nullptr) {
+        TGNode *next = kept->next;
+        close(kept->control_unit[0]);
+        free_node(kept);
+        kept = next;
+    }
     OSL_TRACED_RETURN(0);
 }
 
@@ -243,23 +415,37 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup) {
     OSL_TRACE_ENTER();
     OSL_ASSERT_ARG(NULL != hGroup);
     auto *group = static_cast<TGGroup *>(hGroup);
-    while (group_first(group) != nullptr) {
-        timespec pause = {0, 50L * 1000 * 1000};
-        nanosleep(&pause, nullptr);
-    }
-    // The last thread may still be leaving the lock it unlinked under: taking
-    // it once more orders its unlock before the mutex is destroyed.
+    // The thread that empties the list, or the CancelAll that ends the
+    // sending, wakes this wait; each wait also ends after 50 ms to look
+    // again. The lock is held only while looking, so a leaving thread never
+    // waits on it for long. Leaving the loop with the lock held also orders
+    // the last thread's unlock before the mutex and the condition are
+    // destroyed.
     pthread_mutex_lock(&group->lock);
+    while (group->first != nullptr || group->senders > 0) {
+        timespec until;
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        until.tv_nsec += kDestroyLookNs;
+        if (until.tv_nsec >= 1000L * 1000 * 1000) {
+            until.tv_nsec -= 1000L * 1000 * 1000;
+            ++until.tv_sec;
+        }
+        (void)pthread_cond_timedwait(&group->emptied, &group->lock, &until);
+    }
     pthread_mutex_unlock(&group->lock);
+    pthread_cond_destroy(&group->emptied);
     pthread_mutex_destroy(&group->lock);
     free(group);
     OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Destroy");
     OSL_TRACED_RETURN(0);
 }
 
+// A negative descriptor is refused like a null node: nothing changes. Any
+// other number is taken, however high; past the room the node holds in
+// place the list moves to the heap.
 OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSock) {
     auto *node = static_cast<TGNode *>(hNode);
-    if (node == nullptr || !fits_fd_set(iSock)) return;
+    if (node == nullptr || iSock < 0) return;
     int count = node->sock_count;
     if (count <= 0) {
         node->sock_list[0] = iSock;
@@ -268,28 +454,31 @@ OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSoc
         int i = 0;
         while (i < count && node->sock_list[i] != iSock) ++i;
         if (i == count) {
-            if (count >= kMaxNodeSocks) return; // the list is full: not watched
+            if (count == node->sock_capacity && !grow_node(node)) {
+                node->set_errno = ENOMEM;
+                return;
+            }
             node->sock_list[count] = iSock;
             set_node_sock_count(node, count + 1);
         }
     }
-    FD_SET(iSock, &node->sock_sets);
-    if (iSock > node->sock_max) node->sock_max = iSock;
+    if (set_index(node, iSock) < 0) node->sock_sets[node->sock_set_count++] = {iSock, kReadEvents, 0};
 }
 
 OSTREL_API void Ostrel_ThreadGroup_SetClr(OstrelThreadNodeHandle hNode, int iSock) {
     auto *node = static_cast<TGNode *>(hNode);
-    if (node == nullptr || !fits_fd_set(iSock)) return;
+    if (node == nullptr || iSock < 0) return;
     int count = node->sock_count;
     for (int i = 0; i < count; ++i) {
         if (node->sock_list[i] != iSock) continue;
         // Entries i+1 .. count (the first unused slot included) move one place
         // to the front; the count stays as it is.
         for (int j = i; j < count; ++j)
-            node->sock_list[j] = (j + 1 < kMaxNodeSocks) ? node->sock_list[j + 1] : 0;
+            node->sock_list[j] = (j + 1 < node->sock_capacity) ? node->sock_list[j + 1] : 0;
         break;
     }
-    FD_CLR(iSock, &node->sock_sets);
+    int at = set_index(node, iSock);
+    if (at >= 0) node->sock_sets[at] = node->sock_sets[--node->sock_set_count];
 }
 
 OSTREL_API int Ostrel_ThreadGroup_SetIsSet(OstrelThreadNodeHandle hNode, int iSock) {
@@ -307,10 +496,8 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Select(OstrelThreadNodeHandle hNode, int3
     OSL_ASSERT_ARG(NULL != piToClose);
     OSL_ASSERT_ARG(NULL != piCount);
     auto *node = static_cast<TGNode *>(hNode);
-    fd_set sock_sets = node->sock_sets;
-    timeval timeout = to_timeval(iTimeout);
     int rc;
-    OSL_TRACED_CALL(rc, select(node->sock_max+1,&sock_sets,0,0,&timeout));
+    TG_TRACED_WAIT(rc, TG_SELECT_TEXT, wait_node(node, iTimeout));
     if (rc < 0) {
         OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
@@ -321,14 +508,13 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Select(OstrelThreadNodeHandle hNode, int3
         *piCount = 0;
         OSL_TRACED_RETURN(0);
     }
-    if (FD_ISSET(node->control_unit[1], &sock_sets)) {
+    if (set_ready(node, node->control_unit[1])) {
         OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:GotClose");
         *piToClose = 1;
         *piCount = 0;
         OSL_TRACED_RETURN(0);
     }
-    for (int i = 0; i < node->sock_count; ++i)
-        node->sock_ready[i] = FD_ISSET(node->sock_list[i], &sock_sets) ? 1 : 0;
+    for (int i = 0; i < node->sock_count; ++i) node->sock_ready[i] = set_ready(node, node->sock_list[i]) ? 1 : 0;
     *piToClose = 0;
     *piCount = rc;
     OSL_TRACED_RETURN(0);
@@ -339,12 +525,9 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32
     OSL_ASSERT_ARG(NULL != hNode);
     OSL_ASSERT_ARG(NULL != piToClose);
     auto *node = static_cast<TGNode *>(hNode);
-    fd_set sock_sets;
-    FD_ZERO(&sock_sets);
-    FD_SET(node->control_unit[1], &sock_sets);
-    timeval timeout = to_timeval(iTimeout);
+    pollfd control = {node->control_unit[1], kReadEvents, 0};
     int rc;
-    OSL_TRACED_CALL(rc, select(node->control_unit[1]+1,&sock_sets,0,0,&timeout));
+    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, wait_readable(&control, 1, iTimeout));
     if (rc < 0) {
         OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
@@ -364,7 +547,7 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_OutputStatus(OstrelThreadGroupHandle hGro
     OSL_ASSERT_ARG(NULL != hGroup);
     auto *group = static_cast<TGGroup *>(hGroup);
     pthread_mutex_lock(&group->lock);
-    for (TGNode *node = group_first(group); node != nullptr; node = node->next)
+    for (TGNode *node = group->first; node != nullptr; node = node->next)
         OSL_LOG(LOG_LEVEL_TRACE, "[TID:%x]socket(%d)", tid_bits(node->tid), node_sock_count(node));
     pthread_mutex_unlock(&group->lock);
     OSL_TRACED_RETURN(0);

@@ -17,3 +17,12 @@ if(CMAKE_CROSSCOMPILING AND OSTREL_NATIVE_PEER_DIR AND TARGET ostrel-kvd)
       ENVIRONMENT "OSTREL_NATIVE_PEER=${OSTREL_NATIVE_PEER_DIR}/examples/${peer};ZURN_LOG_DIR=${CMAKE_CURRENT_BINARY_DIR}")
   endforeach()
 endif()
+
+# The README's C++ tour: its samples stand in the README verbatim, and it runs.
+add_test(NAME readme_tour_cpp_samples
+  COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/check_readme_tour.sh ${PROJECT_SOURCE_DIR}/README.md
+          ${PROJECT_SOURCE_DIR}/examples/tour.cpp)
+if(TARGET ostrel-tour-cpp)
+  add_test(NAME readme_tour_cpp_runs COMMAND ostrel-tour-cpp)
+  set_tests_properties(readme_tour_cpp_runs PROPERTIES ENVIRONMENT "ZURN_LOG_DIR=${OSTREL_TEST_LOG_DIR}" TIMEOUT 120)
+endif()

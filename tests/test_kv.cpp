@@ -5,11 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <atomic>
 #include <filesystem>
+#include <thread>
 #include <fstream>
+#include <memory>
 
 #include "kv_protocol.h"
 
@@ -49,7 +54,9 @@ protected:
         char t[] = "/tmp/ostrel_kv_XXXXXX";
         ASSERT_NE(mkdtemp(t), nullptr);
         dir_ = t;
-        const std::string cmd = "ZURN_LOG_DIR=" + dir_ + " ZURN_LOG_LEVEL=INFO exec " + kvd() + " 2>>" + dir_ + "/err";
+        // Started with a soft descriptor limit below its hard one, which the service must raise.
+        const std::string cmd = "ulimit -Sn 1024; ZURN_LOG_DIR=" + dir_ + " ZURN_LOG_LEVEL=INFO exec " + kvd() +
+                                " 2>>" + dir_ + "/err";
         out_ = popen(cmd.c_str(), "r");
         ASSERT_NE(out_, nullptr);
         std::string line = next_line();
@@ -62,7 +69,7 @@ protected:
         }
         if (!dir_.empty()) std::filesystem::remove_all(dir_);
     }
-    std::string kvd() { return program("ostrel-kvd") + " --port 0 --pid-dir " + dir_; }
+    std::string kvd() { return program("ostrel-kvd") + " --port 0 --pid-dir " + dir_ + " --log-dir " + dir_; }
     std::string next_line() {
         char buf[256] = "";
         return fgets(buf, sizeof buf, out_) ? buf : "";
@@ -116,13 +123,25 @@ const struct {
     {"$KV del empty", "ok\n", 0},
     {"$KV get fig", "error 0x90018: Can not find specified item(node,element).\n", 1},
     {"$KV del fig", "error 0x90018: Can not find specified item(node,element).\n", 1},
-    {"$KV get 2>&1", "usage: ostrel-kv [--host H] [--port P] put KEY VALUE...", 2},
+    {"$KV get 2>&1", "usage: ostrel-kv [--host H] [--port P] [--log-dir DIR] put KEY VALUE...", 2},
     // Garbage closes only its own connection: no handshake; a handshake, then
     // a header of the wrong magic; a header announcing 2 GiB.
     {"garbage 'GET / HTTP/1.0\\r\\n\\r\\n'", "", 0},
     {"garbage '\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6\\xA6'", "", 0},
     {"garbage '\\xA6\\0\\0\\0\\0\\0\\0\\0\\xff\\xff\\xff\\x7f'", "", 0},
     {"$KV get pear", "pear!\n", 0},
+    // Normal closes are logged as such; the descriptor limit was raised to the hard one.
+    {"grep -q 'closed by the peer$' $DIR/ostrel-kvd.log && grep -c 'ends: 0x90001' $DIR/ostrel-kvd.log", "0\n", 1},
+    {"awk '/^Max open files/ { print ($4 == $5) }' /proc/$PID/limits", "1\n", 0},
+    // Without --log-dir no tool leaves a log file where it runs, even when it fails; failures
+    // name their cause; with --log-dir the library's log goes there.
+    {"mkdir $DIR/w $DIR/l && cd $DIR/w && unset ZURN_LOG_DIR && $KV --port 1 get x 2>&1; echo $?; "
+     "echo e2000104 | $PKTDUMP; $KVD --pid-dir /nonexistent 2>&1; ls -A",
+     "ostrel-kv: connect to 127.0.0.1:1 failed: connect: Connection refused (0x90001 Unknown error.)\n2\n"
+     "invalid packet (0x90012): Serialized packet length error: 4.\n"
+     "ostrel-kvd: cannot write the pid file in /nonexistent: No such file or directory\n", 0},
+    {"cd $DIR/w && unset ZURN_LOG_DIR && $KV --port 1 --log-dir ../l get x 2>/dev/null; ls -A . ../l", ".:\n\n../l:\nostrel.log\n", 0},
+    {"$KV --log-dir /nonexistent count 2>&1", "ostrel-kv: cannot log in /nonexistent: No such file or directory\n", 2},
     // A value longer than the first segment netbase sends with the header.
     {"$KV put big $(printf %03000d 7)", "ok\n", 0},
     {"test \"$($KV get big)\" = $(printf %03000d 7) && echo same", "same\n", 0},
@@ -130,7 +149,8 @@ const struct {
     {"$KV bench --clients 32 --requests 500 2>/dev/null", "bench: 32 clients x 500 requests: 16000 ok, 0 failed...", 0},
     {"$KV count", "8003\n", 0},
     // A second instance on the same pid directory is refused; the pid file stays the first one's.
-    {"$KVD 2>&1", "ostrel-kvd: cannot start: 0x90001 Unknown error.\n", 1},
+    {"$KVD 2>$DIR/e; st=$?; sed \"s|$DIR|DIR|\" $DIR/e; (exit $st)",
+     "ostrel-kvd: cannot start: PID file DIR/qmv_ns_ostrel-kvd.pid is locked. (0x90001 Unknown error.)\n", 1},
     {"echo $PID | cmp - $DIR/qmv_ns_ostrel-kvd.pid", "", 0},
     {"grep -c \"PID file $DIR/qmv_ns_ostrel-kvd.pid is locked.\" $DIR/ostrel.log", "1\n", 0},
     // The packet inspector's tree, and its refusal once the stored length is one off.
@@ -198,6 +218,44 @@ TEST_F(KvService, RequestsTheClientCannotMakeAreAnsweredWithTheirCode) {
     EXPECT_EQ(sh("grep -c -e 'Malformed request (14 bytes): 0x90012 Invalid data content.$' -e 'Unknown request "
                  "operation 99$' $DIR/ostrel-kvd.log"),
               std::make_pair(std::string("2\n"), 0));
+}
+
+// A flood: every client connects (handshake included) and stays connected,
+// each is answered, and a client arriving during the flood is served.
+// OSTREL_KV_FLOOD sets the number of clients (e.g. 5000 for a measurement).
+TEST_F(KvService, FloodOfConnectionsIsHeldAndAnswered) {
+    const char *env = getenv("OSTREL_KV_FLOOD");
+    const int n = env != nullptr ? atoi(env) : 1500;
+    rlimit files{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+    files.rlim_cur = files.rlim_max; // the clients' own sockets
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
+    const auto t0 = std::chrono::steady_clock::now();
+    std::vector<std::unique_ptr<kv::Client>> flood;
+    for (int i = 0; i < n; ++i) flood.push_back(std::make_unique<kv::Client>());
+    std::atomic<int> connected{0}, tried{0}, answered{0};
+    std::vector<std::thread> storm;
+    for (int t = 0; t < 8; ++t)
+        storm.emplace_back([&, t] {
+            for (int i = t; i < n; i += 8) {
+                connected += flood[size_t(i)]->connect("127.0.0.1", port_) == 0;
+                ++tried;
+            }
+        });
+    while (tried.load() < n / 2) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    kv::Client late; // a new client in the middle of the storm
+    EXPECT_EQ(late.connect("127.0.0.1", port_), 0u);
+    EXPECT_EQ(late.call(kv::KV_OP_PUT, "late", "served", reply_), 0u);
+    EXPECT_EQ(reply_.code, 0u);
+    for (auto &t : storm) t.join();
+    for (int i = 0; i < n; ++i)
+        answered += flood[size_t(i)]->call(kv::KV_OP_PUT, std::to_string(i).c_str(), "v", reply_) == 0 && !reply_.code;
+    EXPECT_EQ(client_.call(kv::KV_OP_COUNT, nullptr, nullptr, reply_), 0u);
+    EXPECT_EQ(reply_.count, answered.load() + 1);
+    EXPECT_EQ(connected.load(), n);
+    EXPECT_EQ(answered.load(), n);
+    printf("flood: %d clients, %d handshaken, %d answered in %.2f s\n", n, connected.load(), answered.load(),
+           std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
 }
 
 TEST_F(KvService, SigtermStopsCleanlyWithConnectionsOpen) {
