@@ -1896,7 +1896,7 @@ public:
     };
     /** The node a thread function received. */
     explicit thread_node(OstrelThreadNodeHandle h) noexcept : h_(h) {}
-    /** Adds a descriptor to wait on (at most 64). */
+    /** Adds a descriptor to wait on (any number, any descriptor). */
     void add(int fd) noexcept { Ostrel_ThreadGroup_SetAdd(h_, fd); }
     /** Removes a descriptor. */
     void remove(int fd) noexcept { Ostrel_ThreadGroup_SetClr(h_, fd); }

@@ -62,8 +62,10 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup);
  * ENOMEM). SetAdd of a descriptor already present changes nothing. SetClr
  * takes the descriptor out of the set and closes the gap in the list, but
  * keeps the list's length: the last entry takes the value of the first unused
- * slot (0). The length never shrinks, so each SetAdd after a SetClr adds an
- * entry. */
+ * slot (0). The length does not shrink on SetClr, so a SetAdd after a SetClr
+ * adds an entry; when the list is full, SetAdd first drops the entries no
+ * call can see any more (repeats of a value behind its first entry, values in
+ * no set and without a ready flag), so the list stays as long as the set. */
 OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSock);
 /** Takes a descriptor out of the node's set; the list keeps its length (see
  * Ostrel_ThreadGroup_SetAdd). */

@@ -155,6 +155,33 @@ bool grow_node(TGNode *node) {
 }
 
 // The index of a descriptor in the node's set, or -1.
+int set_index(const TGNode *node, int iSock);
+
+// A full list drops the entries that no call can see any more before it
+// grows: a repeated value behind its first entry (SetIsSet answers from the
+// first), and a first entry that is in no set and has no ready flag (SetIsSet
+// answers 0 for it either way). Every SetIsSet answer stays the same, and a
+// thread that adds and clears descriptors for ever keeps a bounded list.
+void compact_node(TGNode *node) {
+    int count = node->sock_count, kept = 0;
+    // First pass: a dropped entry is marked as -1 - value (descriptors in the
+    // list are never negative), so later entries still compare with it.
+    auto value = [node](int i) { return node->sock_list[i] < 0 ? -1 - node->sock_list[i] : node->sock_list[i]; };
+    for (int i = 0; i < count; ++i) {
+        int v = node->sock_list[i];
+        bool first = true;
+        for (int j = 0; j < i && first; ++j) first = value(j) != v;
+        if (!first || (set_index(node, v) < 0 && node->sock_ready[i] == 0)) node->sock_list[i] = -1 - v;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (node->sock_list[i] < 0) continue;
+        node->sock_list[kept] = node->sock_list[i];
+        node->sock_ready[kept++] = node->sock_ready[i];
+    }
+    for (int i = kept; i < count; ++i) node->sock_list[i] = node->sock_ready[i] = 0;
+    set_node_sock_count(node, kept);
+}
+
 int set_index(const TGNode *node, int iSock) {
     for (int i = 0; i < node->sock_set_count; ++i)
         if (node->sock_sets[i].fd == iSock) return i;
@@ -454,6 +481,10 @@ OSTREL_API void Ostrel_ThreadGroup_SetAdd(OstrelThreadNodeHandle hNode, int iSoc
         int i = 0;
         while (i < count && node->sock_list[i] != iSock) ++i;
         if (i == count) {
+            if (count == node->sock_capacity) {
+                compact_node(node);
+                count = node->sock_count;
+            }
             if (count == node->sock_capacity && !grow_node(node)) {
                 node->set_errno = ENOMEM;
                 return;

@@ -285,6 +285,32 @@ TEST_F(ThreadGroup, WaitsAnswerAsSelectBelowAndAbove1024WithAControlPairAbove102
     setrlimit(RLIMIT_NOFILE, &saved);
 }
 
+// A thread that adds and clears a descriptor for ever keeps a bounded list,
+// and the descriptor it adds last is still watched and answered.
+TEST_F(ThreadGroup, AddingAndClearingForEverKeepsTheListBounded) {
+    std::atomic<bool> done{false};
+    int to_close = -1;
+    ASSERT_EQ(start([&](OstrelThreadNodeHandle node) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        ASSERT_EQ(write(fds[1], "x", 1), 1);
+        const long allocs = alloc_failure::allocation_count();
+        for (int i = 0; i < 100000; ++i) Ostrel_ThreadGroup_SetAdd(node, fds[0]), Ostrel_ThreadGroup_SetClr(node, fds[0]);
+        EXPECT_EQ(alloc_failure::allocation_count(), allocs); // the list never had to grow
+        Ostrel_ThreadGroup_SetAdd(node, fds[0]);
+        int closing = -1, count = 0;
+        EXPECT_EQ(Ostrel_ThreadGroup_Select(node, 0, &closing, &count), 0u);
+        EXPECT_EQ(count, 1);
+        EXPECT_EQ(Ostrel_ThreadGroup_SetIsSet(node, fds[0]), 1);
+        close(fds[0]), close(fds[1]);
+        done = true;
+        Ostrel_ThreadGroup_Sleep(node, 30000, &to_close);
+    }), 0u);
+    EXPECT_TRUE(tgtest::eventually([&] { return done.load(); }));
+    EXPECT_EQ(Ostrel_ThreadGroup_CancelAll(group_) | destroy(), 0u);
+    EXPECT_EQ(to_close, 1);
+}
+
 // Each refused argument and each failure returns its code with its log lines
 // ("Error" lines at level 8, the others traces; a line ending in "(" is a
 // prefix) and leaves the group, the descriptors and the heap as they were, but
