@@ -127,6 +127,8 @@ TEST(TableRefusals, CodesLastErrorsAndLogLines) {
         ROW(Ostrel_Table_String_AddNode(s.h, "a", nullptr, 0), OSL_ERR_DUPLICATE_KEY, OSL_ERR_DUPLICATE_KEY, "Node with the same key existed.\n"),
         ROW(Ostrel_Table_Pointer_AddNode(s.h, &n, nullptr, 0), F, F, mismatch + "2, actually 1\nSet key type failed.\n"),
         ROW(Ostrel_Table_ByteArray_GetNode(s.h, &n, 1, nullptr, nullptr), F, F, mismatch + "3, actually 1\n"),
+        ROW(Ostrel_Table_Pointer_UpdateNode(s.h, &n, nullptr, 0), F, F, mismatch + "2, actually 1\n"),
+        ROW(Ostrel_Table_ByteArray_DelNode(s.h, "a", 1), F, F, mismatch + "3, actually 1\n"),
         // The null-key check looks at the table's key type, before the form's.
         ROW(Ostrel_Table_Pointer_AddNode(s.h, nullptr, nullptr, 0), F, 0, A(add, "NULL != pKey")),
         ROW(Ostrel_Table_String_GetNode(s.h, nullptr, nullptr, nullptr), F, 0, A("__OSL_Table_GetNode", "NULL != pKey")),
