@@ -24,8 +24,11 @@ deb() { echo "$out/${1}_${version}_${arch}.deb"; }
 
 # Contents: every file a package must ship, and no file in the wrong one.
 fail=0
-expect() { # package, path (a shell pattern) that must be in it
-  if ! dpkg -c "$(deb "$1")" | awk '{print $6}' | sed 's|^\./|/|' | grep -qx "$2"; then
+for p in libostrel1 libostrel-dev ostrel-tools; do
+  dpkg -c "$(deb "$p")" | awk '{print $6}' | sed 's|^\./|/|' >"$out/$p.files"
+done
+expect() { # package, path (a regular expression) that must be in it
+  if ! grep -qx "$2" "$out/$1.files"; then
     echo "packages: $1 lacks $2"; fail=1
   fi
 }
@@ -51,12 +54,12 @@ for t in ostrel-kvd ostrel-kv ostrel-pktdump; do
   expect ostrel-tools "/usr/bin/$t"
   expect ostrel-tools "/usr/share/man/man1/$t.1.gz"
 done
-if dpkg -c "$(deb libostrel1)" | awk '{print $6}' | grep -q -e '/usr/include/' -e '/libOstrel\.so$'; then
+if grep -q -e '^/usr/include/' -e '/libOstrel\.so$' "$out/libostrel1.files"; then
   echo "packages: libostrel1 ships development files"; fail=1
 fi
 [ "$fail" = 0 ] || exit 1
 for p in libostrel1 libostrel-dev ostrel-tools; do
-  echo "packages: $p: $(dpkg -c "$(deb "$p")" | grep -vc '/$') files, $(dpkg-deb -f "$(deb "$p")" Depends)"
+  echo "packages: $p: $(grep -vc '/$' "$out/$p.files") files, depends: $(dpkg-deb -f "$(deb "$p")" Depends)"
 done
 echo "packages: $nfn exported functions, each with its man page"
 

@@ -17,6 +17,9 @@ else
 fi
 libdir=$(dirname "$(find "$prefix" -name ostrel.pc -path '*/pkgconfig/*' | head -n1)")
 libdir=$(dirname "$libdir")
+# Unpacked packages have no run path of their own (an installed system finds
+# them in its library directory): the programs below look there.
+[ "$1" != --prefix ] || export LD_LIBRARY_PATH="$libdir"
 test -L "$libdir/libOstrel.so"
 test -e "$libdir/libOstrel.so.1"
 test -e "$libdir/libZurn_general.so"
