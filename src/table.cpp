@@ -365,8 +365,9 @@ bool index_resize(TableRec *t, uint32_t uiBits) {
 }
 
 // Builds, resizes or drops the index for the current count and range; run
-// after every add and delete.
-void index_settle(TableRec *t) {
+// after an add that may need it and after every delete while there is one.
+// Kept out of line: the operations under the cap only test whether to call it.
+__attribute__((noinline)) void index_settle(TableRec *t) {
     const uint64_t uiCount = t->uiCount;
     if (t->ppIndex == nullptr) {
         if (uiCount > uint64_t{kIndexFromChain} * t->uiRange && uiCount >= t->uiIndexRetryAt) index_build(t);
@@ -379,6 +380,24 @@ void index_settle(TableRec *t) {
         if (!index_resize(t, t->uiIndexBits + 1)) index_backoff(t);
     } else if (uiCount < uiSlots / 4 && t->uiIndexBits > kIndexMinBits)
         (void)index_resize(t, t->uiIndexBits - 1);
+}
+
+// After a refresh: the index keeps its heads, the chain ends follow the new
+// range (the first node pushed into a chain stays its last), or the index
+// goes when they cannot be made.
+__attribute__((noinline)) void index_new_tails(TableRec *t) {
+    auto **ppTails = static_cast<NodeRec **>(calloc(t->uiRange, sizeof(NodeRec *)));
+    if (ppTails == nullptr) {
+        index_drop(t);
+        index_backoff(t);
+        return;
+    }
+    for (NodeRec *n = t->pHead; n != nullptr; n = n->pSortNext) {
+        NodeRec **tail = &ppTails[bucket_of(n->uiHash, t->uiRange, t->ullRangeFactor)];
+        if (*tail == nullptr) *tail = n;
+    }
+    free(t->ppTails);
+    t->ppTails = ppTails;
 }
 
 void index_remove(TableRec *t, NodeRec *n) {
@@ -697,39 +716,23 @@ uint32_t __OSL_Table_RefreshTable(TableRec *pTable, int iForced) {
     if (uiSize > kLargeMalloc) OSL_LOG(LOG_LEVEL_WARN, "Large malloc in %s, size=%d.", __func__, static_cast<int>(uiSize));
     auto **ppNew = static_cast<NodeRec **>(calloc(uiNewRange, sizeof(NodeRec *)));
     if (ppNew == nullptr) OSL_ALLOC_FAILED(uiSize);
-    // The lookup index keeps its heads; its bucket tails follow the new range,
-    // or the index goes when they cannot be made.
-    NodeRec **ppTails = nullptr;
-    if (pTable->ppIndex != nullptr) {
-        ppTails = static_cast<NodeRec **>(calloc(uiNewRange, sizeof(NodeRec *)));
-        if (ppTails == nullptr) {
-            index_drop(pTable);
-            index_backoff(pTable);
-        }
-    }
     const uint64_t ullFactor = range_factor(uiNewRange);
     for (NodeRec *n = pTable->pHead; n != nullptr; n = n->pSortNext) {
-        uint32_t b = bucket_of(n->uiHash, uiNewRange, ullFactor);
-        NodeRec **slot = &ppNew[b];
+        NodeRec **slot = &ppNew[bucket_of(n->uiHash, uiNewRange, ullFactor)];
         n->pBucketPrev = nullptr;
         n->pBucketNext = *slot;
         if (*slot != nullptr) {
             (*slot)->pBucketPrev = n;
             (*slot)->ppBucketSlot = nullptr;
-        } else if (ppTails != nullptr) {
-            ppTails[b] = n; // the first node pushed stays last
         }
         *slot = n;
         n->ppBucketSlot = slot;
     }
     free(pTable->ppBuckets);
     pTable->ppBuckets = ppNew;
-    if (ppTails != nullptr) {
-        free(pTable->ppTails);
-        pTable->ppTails = ppTails;
-    }
     pTable->uiRange = uiNewRange;
     pTable->ullRangeFactor = ullFactor;
+    if (pTable->ppIndex != nullptr) index_new_tails(pTable);
     // A walk in bucket order goes on from its next node's new bucket: it stays
     // on live nodes, but nodes may come back or be passed over after a change
     // of range during the walk.
@@ -787,18 +790,18 @@ uint32_t __OSL_Table_AddNode(void *hTable, uint32_t uiKeyType, const void *pKey,
     KeyRef key = make_key(uiKeyType, pKey, uiKeyLength);
     const uint32_t uiBucket = bucket_of(key.hash, pTable->uiRange, pTable->ullRangeFactor);
     NodeRec **slot = &pTable->ppBuckets[uiBucket];
-    NodeRec *last = nullptr;
-    bool bDuplicate = false;
-    if (pTable->ppIndex != nullptr) {
-        bDuplicate = find_node(pTable, key) != nullptr;
-        last = pTable->ppTails[uiBucket];
+    NodeRec *last = nullptr, *same = nullptr;
+    if (pTable->ppIndex == nullptr) {
+        for (NodeRec *n = *slot; n != nullptr; last = n, n = n->pBucketNext)
+            if (key_matches(uiKeyType, n, key)) {
+                same = n;
+                break;
+            }
     } else {
-        for (NodeRec *n = *slot; n != nullptr && !bDuplicate; n = n->pBucketNext) {
-            bDuplicate = key_matches(uiKeyType, n, key);
-            last = n;
-        }
+        same = find_node(pTable, key);
+        last = pTable->ppTails[uiBucket];
     }
-    if (bDuplicate) {
+    if (same != nullptr) {
         OSL_LOG(LOG_LEVEL_ERROR, "Node with the same key existed.");
         OSL_RETURN(OSL_ERR_DUPLICATE_KEY);
     }
@@ -825,7 +828,7 @@ uint32_t __OSL_Table_AddNode(void *hTable, uint32_t uiKeyType, const void *pKey,
     __OSL_Table_AddSortNode(pTable, node);
     ++pTable->uiCount;
     (void)__OSL_Table_RefreshTable(pTable, 0);
-    index_settle(pTable);
+    if (pTable->ppIndex != nullptr || pTable->uiCount > uint64_t{kIndexFromChain} * pTable->uiRange) index_settle(pTable);
     OSL_RETURN(0);
 }
 
@@ -964,7 +967,7 @@ uint32_t __OSL_Table_DelNode(void *hTable, uint32_t uiKeyType, const void *pKey,
     unlink_node(pTable, node);
     --pTable->uiCount;
     free_node(node);
-    index_settle(pTable);
+    if (pTable->ppIndex != nullptr) index_settle(pTable);
     OSL_RETURN(0);
 }
 
@@ -985,7 +988,7 @@ uint32_t __OSL_Table_ProcessIterateAction(IterRec *pItr) {
         unlink_node(pTable, node);
         --pTable->uiCount;
         free_node(node);
-        index_settle(pTable);
+        if (pTable->ppIndex != nullptr) index_settle(pTable);
     } else if (pItr->uiAction == TABLE_ACTION_UPDATE) {
         bool bOwned = pItr->pPendingValue != nullptr && pItr->uiPendingLength != 0;
         NodeRec *now = nullptr;
