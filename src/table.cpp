@@ -12,11 +12,11 @@
 // visit, a table whose chains average more than kIndexFromChain nodes also
 // keeps a private lookup index beside them: a power-of-two array of heads of
 // singly linked chains (through each node's pIndexNext) over the key's full
-// hash, holding at most one node per head on average, and the last node of
-// each bucket chain, so that an add appends without walking its chain. The
-// buckets, chains and sorted list stay exactly as they would be without it;
-// only the way a node is found changes. When the index cannot be allocated
-// the table works through its chains alone.
+// hash, with at least two heads a node, and the last node of each bucket
+// chain, so that an add appends without walking its chain. The buckets,
+// chains and sorted list stay exactly as they would be without it; only the
+// way a node is found changes. When the index cannot be allocated the table
+// works through its chains alone.
 #define OSL_SRC_PATH "src/table"
 #include <cstdlib>
 #if defined(__ARM_FEATURE_CRC32)
@@ -284,8 +284,10 @@ NodeRec **bucket_slot(const TableRec *pTable, uint32_t uiHash) {
 // Lookup index ---------------------------------------------------------------
 
 // The index is kept while the chains average more than kIndexFromChain nodes
-// and dropped when they average less than one; it holds at most one node per
-// head on average (grown past that, shrunk below a quarter).
+// and dropped when they average less than one; it has two to eight heads a
+// node (grown past one node in two heads, shrunk below one in eight), so that
+// a lookup mostly finds its node first under its head, and a miss mostly
+// finds an empty head.
 constexpr uint32_t kIndexFromChain = 2;
 constexpr uint32_t kIndexMinBits = 4;
 
@@ -303,7 +305,7 @@ inline NodeRec **index_slot_of(const TableRec *t, const NodeRec *n) {
 
 uint32_t bits_for(uint32_t uiCount) {
     uint32_t b = kIndexMinBits;
-    while (b < 32 && (uint64_t{1} << b) < uiCount) ++b;
+    while (b < 32 && (uint64_t{1} << b) < 2 * uint64_t{uiCount}) ++b;
     return b;
 }
 
@@ -376,9 +378,9 @@ __attribute__((noinline)) void index_settle(TableRec *t) {
     const uint64_t uiSlots = uint64_t{1} << t->uiIndexBits;
     if (uiCount < t->uiRange)
         index_drop(t);
-    else if (uiCount > uiSlots && t->uiIndexBits < 32 && uiCount >= t->uiIndexRetryAt) {
+    else if (2 * uiCount > uiSlots && t->uiIndexBits < 32 && uiCount >= t->uiIndexRetryAt) {
         if (!index_resize(t, t->uiIndexBits + 1)) index_backoff(t);
-    } else if (uiCount < uiSlots / 4 && t->uiIndexBits > kIndexMinBits)
+    } else if (uiCount < uiSlots / 8 && t->uiIndexBits > kIndexMinBits)
         (void)index_resize(t, t->uiIndexBits - 1);
 }
 
