@@ -1,17 +1,21 @@
 // The keyed table against std::unordered_map<std::string, int> and GLib's
 // GHashTable with string keys of 16 characters: insert, successful lookup,
 // failed lookup and delete, at 1,000 and 6,000 keys (under the 8192-bucket
-// cap) and at 30,000 and 100,000 keys (over it: chains of about 3.7 and 12).
+// cap) and at 30,000, 100,000 and 1,000,000 keys (over it: chains of about
+// 3.7, 12 and 122).
 //
 // Each peer keeps its own copy of every key, as the table does (GHashTable:
 // g_strdup with g_free). The table is created with 1024 buckets and grows by
 // its default step; unordered_map and GHashTable start at their defaults.
 // Lookups walk the keys in a shuffled order. The counter "per_op" is the time
-// of one operation. Log lines below ERROR and the table's "Node don't exist."
+// of one operation; "bytes_per_node" is the heap that a filled table or map
+// holds (glibc's mallinfo2, keys included) divided by its number of keys.
+// Log lines below ERROR and the table's "Node don't exist."
 // lines on misses are filtered by the log threshold (set to OFF), so a miss
 // pays for one filtered log call.
 #include <benchmark/benchmark.h>
 #include <glib.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -68,8 +72,24 @@ void per_op(benchmark::State &st, size_t ops_per_iteration) {
 
 // Values are the addresses of these ints (reference mode keeps the pointer).
 const std::vector<int> &values() {
-    static const std::vector<int> v(100000);
+    static const std::vector<int> v(1000000);
     return v;
+}
+
+// Heap in use: the arena's allocated chunks plus mmap-ed blocks (large arrays).
+size_t heap_in_use() {
+    struct mallinfo2 mi = mallinfo2();
+    return mi.uordblks + mi.hblkhd;
+}
+
+// Reports the heap that fill() leaves allocated, per key, and returns what
+// fill() made.
+template <class Fill>
+auto measured_fill(benchmark::State &st, size_t n, Fill fill) {
+    size_t before = heap_in_use();
+    auto made = fill();
+    st.counters["bytes_per_node"] = static_cast<double>(heap_in_use() - before) / static_cast<double>(n);
+    return made;
 }
 
 // --- Ostrel ---------------------------------------------------------------
@@ -101,7 +121,7 @@ void BM_Ostrel_Insert(benchmark::State &st) {
 
 void BM_Ostrel_Hit(benchmark::State &st) {
     const Keys &k = keys(static_cast<size_t>(st.range(0)));
-    OstrelTableHandle h = ostrel_filled(k);
+    OstrelTableHandle h = measured_fill(st, k.present.size(), [&] { return ostrel_filled(k); });
     size_t i = 0;
     void *pv = nullptr;
     for (auto _ : st) {
@@ -164,14 +184,19 @@ void BM_StdUnorderedMap_Insert(benchmark::State &st) {
 
 void BM_StdUnorderedMap_Hit(benchmark::State &st) {
     const Keys &k = keys(static_cast<size_t>(st.range(0)));
-    StdMap m;
-    std_fill(m, k);
+    StdMap *pm = measured_fill(st, k.present.size(), [&] {
+        auto *m = new StdMap;
+        std_fill(*m, k);
+        return m;
+    });
+    StdMap &m = *pm;
     size_t i = 0;
     for (auto _ : st) {
         auto it = m.find(k.present[k.order[i]]);
         benchmark::DoNotOptimize(it->second);
         if (++i == k.order.size()) i = 0;
     }
+    delete pm;
     per_op(st, 1);
 }
 
@@ -229,8 +254,11 @@ void BM_GHashTable_Insert(benchmark::State &st) {
 
 void BM_GHashTable_Hit(benchmark::State &st) {
     const Keys &k = keys(static_cast<size_t>(st.range(0)));
-    GHashTable *t = glib_new();
-    glib_fill(t, k);
+    GHashTable *t = measured_fill(st, k.present.size(), [&] {
+        GHashTable *g = glib_new();
+        glib_fill(g, k);
+        return g;
+    });
     size_t i = 0;
     for (auto _ : st) {
         benchmark::DoNotOptimize(g_hash_table_lookup(t, k.present[k.order[i]].c_str()));
@@ -270,7 +298,7 @@ void BM_GHashTable_Delete(benchmark::State &st) {
 
 } // namespace
 
-#define TABLE_SIZES Arg(1000)->Arg(6000)->Arg(30000)->Arg(100000)
+#define TABLE_SIZES Arg(1000)->Arg(6000)->Arg(30000)->Arg(100000)->Arg(1000000)
 BENCHMARK(BM_Ostrel_Insert)->TABLE_SIZES;
 BENCHMARK(BM_StdUnorderedMap_Insert)->TABLE_SIZES;
 BENCHMARK(BM_GHashTable_Insert)->TABLE_SIZES;

@@ -23,7 +23,8 @@
  * The bucket array grows by itself: after an add, when count * 100 / range
  * passes the refresh threshold (default 75), the range grows by the refresh
  * step (default: the range given at creation) up to TABLE_RANGE_MAX buckets.
- * Past that cap the chains lengthen.
+ * Past that cap the chains lengthen; lookups then go through a private index
+ * kept beside them, so that they cost about the same at any size.
  *
  * Keys of string and byte-array type are always copied into the node. Values
  * are copied only in NODE_STORAGE_COPY mode, and only when the pointer is not

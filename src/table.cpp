@@ -6,6 +6,17 @@
 // byte-array keys), then the value bytes when the value is copied. Growing the
 // bucket array relinks nodes without moving them; only a value update that
 // needs more room moves a node to a new block.
+//
+// The bucket array stops growing at TABLE_RANGE_MAX buckets, after which its
+// chains lengthen with the count. So that a lookup still costs about one node
+// visit, a table whose chains average more than kIndexFromChain nodes also
+// keeps a private lookup index beside them: a power-of-two array of heads of
+// singly linked chains (through each node's pIndexNext) over the key's full
+// hash, with at least two heads a node, and the last node of each bucket
+// chain, so that an add appends without walking its chain. The buckets,
+// chains and sorted list stay exactly as they would be without it; only the
+// way a node is found changes. When the index cannot be allocated the table
+// works through its chains alone.
 #define OSL_SRC_PATH "src/table"
 #include <cstdlib>
 #if defined(__ARM_FEATURE_CRC32)
@@ -144,6 +155,7 @@ struct NodeRec {
     NodeRec **ppBucketSlot;  // the bucket entry holding this node, while it is first of its chain
     // Fields a lookup reads, placed right before the key bytes so that a
     // chain step and the key compare mostly touch one cache line.
+    NodeRec *pIndexNext;     // next node under the same lookup-index head
     NodeRec *pBucketNext;
     uint32_t uiHash;         // low 32 bits of the key's index, so nothing is rehashed
     uint32_t uiKeyLength;    // string: strlen + 1; byte array: as given; pointer: 0
@@ -168,6 +180,11 @@ struct TableRec {
     uint32_t uiStep;
     uint32_t uiIterCount;
     IterRec *pOpenIters;     // every open iterator, so a change made by one keeps the others' places valid
+    // Lookup index of long chains (see the top of this file); ppIndex null: none.
+    NodeRec **ppIndex;       // 1 << uiIndexBits heads
+    NodeRec **ppTails;       // uiRange entries: the last node of each bucket chain
+    uint32_t uiIndexBits;
+    uint32_t uiIndexRetryAt; // after a failed index allocation: the count at which to try again
 };
 
 struct IterRec {
@@ -264,7 +281,154 @@ NodeRec **bucket_slot(const TableRec *pTable, uint32_t uiHash) {
     return &pTable->ppBuckets[bucket_of(uiHash, pTable->uiRange, pTable->ullRangeFactor)];
 }
 
+// Lookup index ---------------------------------------------------------------
+
+// The index is kept while the chains average more than kIndexFromChain nodes
+// and dropped when they average less than one; it has two to eight heads a
+// node (grown past one node in two heads, shrunk below one in eight), so that
+// a lookup mostly finds its node first under its head, and a miss mostly
+// finds an empty head.
+constexpr uint32_t kIndexFromChain = 2;
+constexpr uint32_t kIndexMinBits = 4;
+
+// The index's head of a key: its full 32-bit hash, or for pointer keys the
+// whole pointer (pointers that share their low half share a bucket but not a
+// head), spread by a multiplicative hash and cut to the top uiBits bits.
+inline uint32_t index_head(uint32_t uiKeyType, const void *pKey, uint32_t uiHash, uint32_t uiBits) {
+    uint64_t v = uiKeyType == TABLE_KEY_POINTER ? static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pKey)) : uiHash;
+    return static_cast<uint32_t>((v * 0x9E3779B97F4A7C15ull) >> (64 - uiBits));
+}
+
+inline NodeRec **index_slot_of(const TableRec *t, const NodeRec *n) {
+    return &t->ppIndex[index_head(t->uiKeyType, n->pKey, n->uiHash, t->uiIndexBits)];
+}
+
+uint32_t bits_for(uint32_t uiCount) {
+    uint32_t b = kIndexMinBits;
+    while (b < 32 && (uint64_t{1} << b) < 2 * uint64_t{uiCount}) ++b;
+    return b;
+}
+
+void index_push(NodeRec **ppIndex, uint32_t uiKeyType, uint32_t uiBits, NodeRec *n) {
+    NodeRec **head = &ppIndex[index_head(uiKeyType, n->pKey, n->uiHash, uiBits)];
+    n->pIndexNext = *head;
+    *head = n;
+}
+
+void index_drop(TableRec *t) {
+    free(t->ppIndex);
+    free(t->ppTails);
+    t->ppIndex = nullptr;
+    t->ppTails = nullptr;
+    t->uiIndexBits = 0;
+}
+
+// A failed allocation is tried again only once the count has grown by half.
+void index_backoff(TableRec *t) {
+    uint64_t at = uint64_t{t->uiCount} + t->uiCount / 2 + 1;
+    t->uiIndexRetryAt = at > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(at);
+}
+
+// Makes the index from the bucket chains.
+void index_build(TableRec *t) {
+    uint32_t uiBits = bits_for(t->uiCount);
+    auto **ppIndex = static_cast<NodeRec **>(calloc(size_t{1} << uiBits, sizeof(NodeRec *)));
+    auto **ppTails = static_cast<NodeRec **>(calloc(t->uiRange, sizeof(NodeRec *)));
+    if (ppIndex == nullptr || ppTails == nullptr) {
+        free(ppIndex);
+        free(ppTails);
+        index_backoff(t);
+        return;
+    }
+    for (uint32_t b = 0; b < t->uiRange; ++b)
+        for (NodeRec *n = t->ppBuckets[b]; n != nullptr; n = n->pBucketNext) {
+            index_push(ppIndex, t->uiKeyType, uiBits, n);
+            ppTails[b] = n;
+        }
+    t->ppIndex = ppIndex;
+    t->ppTails = ppTails;
+    t->uiIndexBits = uiBits;
+}
+
+// Moves every node to a new array of 1 << uiBits heads; on failure the old
+// array stays, merely fuller or emptier than intended.
+bool index_resize(TableRec *t, uint32_t uiBits) {
+    auto **ppIndex = static_cast<NodeRec **>(calloc(size_t{1} << uiBits, sizeof(NodeRec *)));
+    if (ppIndex == nullptr) return false;
+    for (size_t h = 0, slots = size_t{1} << t->uiIndexBits; h < slots; ++h)
+        for (NodeRec *n = t->ppIndex[h], *next; n != nullptr; n = next) {
+            next = n->pIndexNext;
+            index_push(ppIndex, t->uiKeyType, uiBits, n);
+        }
+    free(t->ppIndex);
+    t->ppIndex = ppIndex;
+    t->uiIndexBits = uiBits;
+    return true;
+}
+
+// Builds, resizes or drops the index for the current count and range; run
+// after an add that may need it and after every delete while there is one.
+// Kept out of line: the operations under the cap only test whether to call it.
+__attribute__((noinline)) void index_settle(TableRec *t) {
+    const uint64_t uiCount = t->uiCount;
+    if (t->ppIndex == nullptr) {
+        if (uiCount > uint64_t{kIndexFromChain} * t->uiRange && uiCount >= t->uiIndexRetryAt) index_build(t);
+        return;
+    }
+    const uint64_t uiSlots = uint64_t{1} << t->uiIndexBits;
+    if (uiCount < t->uiRange)
+        index_drop(t);
+    else if (2 * uiCount > uiSlots && t->uiIndexBits < 32 && uiCount >= t->uiIndexRetryAt) {
+        if (!index_resize(t, t->uiIndexBits + 1)) index_backoff(t);
+    } else if (uiCount < uiSlots / 8 && t->uiIndexBits > kIndexMinBits)
+        (void)index_resize(t, t->uiIndexBits - 1);
+}
+
+// After a refresh: the index keeps its heads, the chain ends follow the new
+// range (the first node pushed into a chain stays its last), or the index
+// goes when they cannot be made.
+__attribute__((noinline)) void index_new_tails(TableRec *t) {
+    auto **ppTails = static_cast<NodeRec **>(calloc(t->uiRange, sizeof(NodeRec *)));
+    if (ppTails == nullptr) {
+        index_drop(t);
+        index_backoff(t);
+        return;
+    }
+    for (NodeRec *n = t->pHead; n != nullptr; n = n->pSortNext) {
+        NodeRec **tail = &ppTails[bucket_of(n->uiHash, t->uiRange, t->ullRangeFactor)];
+        if (*tail == nullptr) *tail = n;
+    }
+    free(t->ppTails);
+    t->ppTails = ppTails;
+}
+
+void index_remove(TableRec *t, NodeRec *n) {
+    for (NodeRec **pp = index_slot_of(t, n); *pp != nullptr; pp = &(*pp)->pIndexNext)
+        if (*pp == n) {
+            *pp = n->pIndexNext;
+            return;
+        }
+}
+
+// pNew takes pOld's place in the index and as its bucket chain's last node.
+void index_replace(TableRec *t, const NodeRec *pOld, NodeRec *pNew) {
+    for (NodeRec **pp = index_slot_of(t, pOld); *pp != nullptr; pp = &(*pp)->pIndexNext)
+        if (*pp == pOld) {
+            *pp = pNew;
+            pNew->pIndexNext = pOld->pIndexNext;
+            break;
+        }
+    NodeRec **tail = &t->ppTails[bucket_of(pOld->uiHash, t->uiRange, t->ullRangeFactor)];
+    if (*tail == pOld) *tail = pNew;
+}
+
 inline NodeRec *find_node(const TableRec *pTable, const KeyRef &key) {
+    if (pTable->ppIndex != nullptr) {
+        NodeRec *n = pTable->ppIndex[index_head(pTable->uiKeyType, key.p, key.hash, pTable->uiIndexBits)];
+        for (; n != nullptr; n = n->pIndexNext)
+            if (key_matches(pTable->uiKeyType, n, key)) return n;
+        return nullptr;
+    }
     for (NodeRec *n = *bucket_slot(pTable, key.hash); n != nullptr; n = n->pBucketNext)
         if (key_matches(pTable->uiKeyType, n, key)) return n;
     return nullptr;
@@ -380,6 +544,11 @@ void retarget_iterators(TableRec *t, const NodeRec *pOld, NodeRec *pRepl) {
 }
 
 void unlink_node(TableRec *t, NodeRec *n) {
+    if (t->ppIndex != nullptr) {
+        index_remove(t, n);
+        NodeRec **tail = &t->ppTails[bucket_of(n->uiHash, t->uiRange, t->ullRangeFactor)];
+        if (*tail == n) *tail = n->pBucketPrev;
+    }
     if (n->ppBucketSlot != nullptr) {
         *n->ppBucketSlot = n->pBucketNext;
         if (n->pBucketNext != nullptr) {
@@ -565,6 +734,7 @@ uint32_t __OSL_Table_RefreshTable(TableRec *pTable, int iForced) {
     pTable->ppBuckets = ppNew;
     pTable->uiRange = uiNewRange;
     pTable->ullRangeFactor = ullFactor;
+    if (pTable->ppIndex != nullptr) index_new_tails(pTable);
     // A walk in bucket order goes on from its next node's new bucket: it stays
     // on live nodes, but nodes may come back or be passed over after a change
     // of range during the walk.
@@ -620,14 +790,22 @@ uint32_t __OSL_Table_AddNode(void *hTable, uint32_t uiKeyType, const void *pKey,
     OSL_CHECK_KEY_ARG(uiKeyType);
 
     KeyRef key = make_key(uiKeyType, pKey, uiKeyLength);
-    NodeRec **slot = bucket_slot(pTable, key.hash);
-    NodeRec *last = nullptr;
-    for (NodeRec *n = *slot; n != nullptr; n = n->pBucketNext) {
-        if (key_matches(uiKeyType, n, key)) {
-            OSL_LOG(LOG_LEVEL_ERROR, "Node with the same key existed.");
-            OSL_RETURN(OSL_ERR_DUPLICATE_KEY);
-        }
-        last = n;
+    const uint32_t uiBucket = bucket_of(key.hash, pTable->uiRange, pTable->ullRangeFactor);
+    NodeRec **slot = &pTable->ppBuckets[uiBucket];
+    NodeRec *last = nullptr, *same = nullptr;
+    if (pTable->ppIndex == nullptr) {
+        for (NodeRec *n = *slot; n != nullptr; last = n, n = n->pBucketNext)
+            if (key_matches(uiKeyType, n, key)) {
+                same = n;
+                break;
+            }
+    } else {
+        same = find_node(pTable, key);
+        last = pTable->ppTails[uiBucket];
+    }
+    if (same != nullptr) {
+        OSL_LOG(LOG_LEVEL_ERROR, "Node with the same key existed.");
+        OSL_RETURN(OSL_ERR_DUPLICATE_KEY);
     }
     NodeRec *node = __OSL_Table_CreateNode(uiKeyType, pKey, key.len, pValue, uiValueLength, pTable->uiStoreMode);
     if (node == nullptr) {
@@ -645,9 +823,14 @@ uint32_t __OSL_Table_AddNode(void *hTable, uint32_t uiKeyType, const void *pKey,
         *slot = node;
         node->ppBucketSlot = slot;
     }
+    if (pTable->ppIndex != nullptr) {
+        index_push(pTable->ppIndex, uiKeyType, pTable->uiIndexBits, node);
+        pTable->ppTails[uiBucket] = node;
+    }
     __OSL_Table_AddSortNode(pTable, node);
     ++pTable->uiCount;
     (void)__OSL_Table_RefreshTable(pTable, 0);
+    if (pTable->ppIndex != nullptr || pTable->uiCount > uint64_t{kIndexFromChain} * pTable->uiRange) index_settle(pTable);
     OSL_RETURN(0);
 }
 
@@ -725,6 +908,7 @@ uint32_t __OSL_Table_UpdateNodeValue(TableRec *pTable, NodeRec *pNode, const voi
         if (pNew->pSortNext != nullptr) pNew->pSortNext->pSortPrev = pNew;
         if (pTable->pHead == pNode) pTable->pHead = pNew;
         if (pTable->pTail == pNode) pTable->pTail = pNew;
+        if (pTable->ppIndex != nullptr) index_replace(pTable, pNode, pNew);
         retarget_iterators(pTable, pNode, pNew);
         free_node(pNode);
         *ppNode = pNew;
@@ -785,6 +969,7 @@ uint32_t __OSL_Table_DelNode(void *hTable, uint32_t uiKeyType, const void *pKey,
     unlink_node(pTable, node);
     --pTable->uiCount;
     free_node(node);
+    if (pTable->ppIndex != nullptr) index_settle(pTable);
     OSL_RETURN(0);
 }
 
@@ -805,6 +990,7 @@ uint32_t __OSL_Table_ProcessIterateAction(IterRec *pItr) {
         unlink_node(pTable, node);
         --pTable->uiCount;
         free_node(node);
+        if (pTable->ppIndex != nullptr) index_settle(pTable);
     } else if (pItr->uiAction == TABLE_ACTION_UPDATE) {
         bool bOwned = pItr->pPendingValue != nullptr && pItr->uiPendingLength != 0;
         NodeRec *now = nullptr;
@@ -884,9 +1070,36 @@ const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLo
     }
     if (uiSorted != t->uiCount) return "sorted list shorter than the count";
     if (t->pTail != prev) return "tail is not the last sorted node";
+    if (t->ppIndex != nullptr) {
+        // Every node once under its own head (the count bounds the walk), and
+        // each chain's last node recorded.
+        uint32_t uiIndexed = 0;
+        for (size_t h = 0, slots = size_t{1} << t->uiIndexBits; h < slots; ++h)
+            for (const NodeRec *n = t->ppIndex[h]; n != nullptr; n = n->pIndexNext) {
+                if (index_slot_of(t, n) != &t->ppIndex[h]) return "node under the wrong index head";
+                if (++uiIndexed > t->uiCount) return "index holds more nodes than counted";
+            }
+        if (uiIndexed != t->uiCount) return "index holds fewer nodes than counted";
+        for (const NodeRec *n = t->pHead; n != nullptr; n = n->pSortNext) {
+            const NodeRec *m = *index_slot_of(t, n);
+            while (m != nullptr && m != n) m = m->pIndexNext;
+            if (m == nullptr) return "node missing from the index";
+        }
+        for (uint32_t b = 0; b < t->uiRange; ++b) {
+            const NodeRec *last = t->ppBuckets[b];
+            while (last != nullptr && last->pBucketNext != nullptr) last = last->pBucketNext;
+            if (t->ppTails[b] != last) return "recorded chain end is not the chain's last node";
+        }
+    }
     if (puiRange != nullptr) *puiRange = t->uiRange;
     if (puiLongestChain != nullptr) *puiLongestChain = uiLongest;
     return nullptr;
+}
+
+// Heads of the lookup index, 0 while the table has none. Used by the tests.
+uint64_t __OSL_Table_IndexHeads(void *hTable) {
+    const auto *t = static_cast<const TableRec *>(hTable);
+    return t->ppIndex != nullptr ? uint64_t{1} << t->uiIndexBits : 0;
 }
 
 extern "C" {
@@ -999,6 +1212,7 @@ OSTREL_API uint32_t Ostrel_Table_Destroy(OstrelTableHandle hTable) {
         }
     }
     free(pTable->ppBuckets);
+    index_drop(pTable);
     memset(pTable, 0, sizeof(TableRec));
     free(pTable);
     OSL_RETURN(0);
