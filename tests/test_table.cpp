@@ -269,7 +269,7 @@ static bool holds(OstrelTableHandle h, uint32_t id, const std::string &v) {
 
 // The links, the count, and the index: there past chains of 2 nodes a bucket,
 // gone under 1, with 2 to 8 heads a node (or as many heads as expected).
-static void check(OstrelTableHandle h, size_t count, uint64_t expect_heads = UINT64_MAX) {
+static void check_index(OstrelTableHandle h, size_t count, uint64_t expect_heads = UINT64_MAX) {
     uint32_t range = 0, n = 0;
     ASSERT_STREQ(__OSL_Table_Verify(h, &range, nullptr), nullptr);
     ASSERT_EQ(Ostrel_Table_GetCount(h, &n), 0u);
@@ -304,11 +304,11 @@ TEST(TableScale, ModelRunPastTheCapAndBackDown) {
             model.erase(id);
         }
         if (op % 10000 == 0) {
-            ASSERT_NO_FATAL_FAILURE(check(h, model.size())) << op;
+            ASSERT_NO_FATAL_FAILURE(check_index(h, model.size())) << op;
         }
     }
     for (uint32_t id = 0; model.size() > 10000; ++id) ASSERT_EQ(Ostrel_Table_Pointer_DelNode(h, key(id)), model.erase(id) ? 0u : OSL_ERR_NOT_FOUND);
-    ASSERT_NO_FATAL_FAILURE(check(h, model.size(), 65536)); // shrunk from 131072 heads
+    ASSERT_NO_FATAL_FAILURE(check_index(h, model.size(), 65536)); // shrunk from 131072 heads
     // A walk in bucket order deletes every other node: the index follows, then goes.
     OstrelTableIterHandle it = nullptr;
     ASSERT_EQ(Ostrel_Table_BeginIterate(h, &it, TABLE_ITERATE_BUCKET), 0u);
@@ -320,7 +320,7 @@ TEST(TableScale, ModelRunPastTheCapAndBackDown) {
         ASSERT_EQ(del ? Ostrel_Table_IterateDel(it) : 0u, 0u);
     }
     ASSERT_EQ(Ostrel_Table_EndIterate(it), 0u);
-    ASSERT_NO_FATAL_FAILURE(check(h, model.size(), 0));
+    ASSERT_NO_FATAL_FAILURE(check_index(h, model.size(), 0));
     for (const auto &m : model) ASSERT_TRUE(holds(h, m.first, *m.second)) << m.first;
     ASSERT_EQ(Ostrel_Table_Destroy(h), 0u);
 }
@@ -343,7 +343,7 @@ TEST(TableScale, IndexAllocationFailuresChangeNoResult) {
         ASSERT_EQ(n == s.nodes ? Ostrel_Table_SetProperty(h, TABLE_PROP_RANGE, 2) : add(h, n, kValues[n % 6]), 0u);
         alloc_failure::fail_allocation_number(-1);
         n = s.nodes;
-        ASSERT_NO_FATAL_FAILURE(check(h, s.nodes, s.heads));
+        ASSERT_NO_FATAL_FAILURE(check_index(h, s.nodes, s.heads));
         for (uint32_t id = 0; id < s.nodes; ++id) ASSERT_TRUE(holds(h, id, kValues[id % 6])) << id;
     }
     ASSERT_EQ(Ostrel_Table_Destroy(h), 0u);
