@@ -169,6 +169,9 @@ const struct {
 
 TEST_F(KvService, ShellRowsInOrder) {
     for (const auto &r : kShellRows) {
+        // A tool given a new log directory starts itself again through
+        // /proc/self/exe, which under a user-mode emulator names the emulator.
+        if (getenv("OSTREL_TARGET_EMULATOR") && strstr(r.line, "--log-dir ../l")) continue;
         auto [out, status] = sh(r.line);
         std::string want = r.out;
         if (want.size() > 3 && want.compare(want.size() - 3, 3, "...") == 0) {
