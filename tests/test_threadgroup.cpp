@@ -278,10 +278,11 @@ TEST_F(ThreadGroup, WaitsAnswerAsSelectBelowAndAbove1024WithAControlPairAbove102
     EXPECT_EQ(Ostrel_ThreadGroup_CancelAll(group_) | destroy(), 0u);
     EXPECT_EQ(to_close, 1);
     EXPECT_TRUE(tgtest::threads_back_to(baseline_));
-    // The node's lists on the heap (64 KiB at the end) are freed. Sanitizer
+    // The node's lists on the heap (64 KiB at the end) are freed; the lines
+    // captured meanwhile take up to about 12 KiB (under qemu). Sanitizer
     // runtimes count their own tables for the new descriptor numbers as heap
     // (LeakSanitizer checks the address build at exit).
-    if (!OSTREL_TEST_SANITIZED) { EXPECT_LE(tgtest::heap_in_use(), heap + 8192); }
+    if (!OSTREL_TEST_SANITIZED) { EXPECT_LE(tgtest::heap_in_use(), heap + 16384); }
     setrlimit(RLIMIT_NOFILE, &saved);
 }
 
