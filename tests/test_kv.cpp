@@ -3,6 +3,7 @@
 // and the packet inspector. A new check of a program's output is one more row
 // of a table below.
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -75,8 +76,12 @@ protected:
         return fgets(buf, sizeof buf, out_) ? buf : "";
     }
     // SIGTERM; the exit status and the last line the service printed.
+    // A service that has not ended 20 s after SIGTERM is killed, so that a
+    // broken build fails here instead of hanging the suite.
     std::pair<int, std::string> stop() {
         if (pid_ > 0) kill(pid_, SIGTERM);
+        pollfd pf{fileno(out_), POLLIN, 0};
+        if (pid_ > 0 && poll(&pf, 1, 20000) == 0) kill(pid_, SIGKILL);
         std::string last = next_line();
         int st = pclose(out_);
         out_ = nullptr;
