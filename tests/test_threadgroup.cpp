@@ -428,6 +428,12 @@ TEST_F(ThreadGroup, SelfTestRunsWithThePortAlreadyHeldAndWithThePortFree) {
             EXPECT_EQ(Ostrel_ThreadGroup_RandomTest(held ? 1 : 2), 0u);
             out.str(testing::internal::GetCapturedStdout());
             EXPECT_TRUE(tgtest::threads_back_to(baseline_));
+            // A leaving thread logs its exit after it has left its group.
+            EXPECT_TRUE(tgtest::eventually([&] {
+                int open = 0;
+                for (const LogLine &l : cap.lines()) open += (l.text == "ThreadGroup:New") - (l.text == "ThreadGroup:Exit");
+                return open == 0;
+            }));
             for (const LogLine &l : cap.lines())
                 if (++n[std::to_string(l.level) + l.text] && l.text.rfind("data_", 0) == 0) data[l.text[5] == 's'].push_back(std::stoi(l.text.substr(7)));
         }
