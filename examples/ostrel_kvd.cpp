@@ -237,7 +237,7 @@ void stop_on_signal(sigset_t signals) {
     sigwait(&signals, &sig);
     KV_LOG(LOG_LEVEL_INFO, "Signal %d: stopping", sig);
     g_service.stopping.store(true);
-    g_service.listen.stop();
+    { ostrel::listener ending = std::move(g_service.listen); } // stops serving and waits for its thread
     g_service.group.close();
     {
         std::lock_guard<std::mutex> lk(g_service.mu);
@@ -265,8 +265,6 @@ uint32_t start() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
-    std::thread(stop_on_signal, signals).detach();
-
     if (uint32_t rc = code(g_service.listen.serve_in_background(on_connect))) return rc;
     {
         std::lock_guard<std::mutex> lk(g_service.why_mu);
@@ -277,6 +275,9 @@ uint32_t start() {
     printf("ostrel-kvd: listening on %s:%u (pid %ld)\n", addr.c_str(), g_service.listen.port(),
            static_cast<long>(getpid()));
     fflush(stdout);
+    // Started last: what this thread did with the service happens before the
+    // signal thread takes it apart.
+    std::thread(stop_on_signal, signals).detach();
     return 0;
 }
 
