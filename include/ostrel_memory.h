@@ -68,10 +68,96 @@ OSTREL_API uint32_t Ostrel_OutputBuffer(const void *pvSrc, int32_t iSrcLen, void
  * threads. */
 OSTREL_API uint32_t Ostrel_SetOption(int32_t iIndex, void *pvValue);
 
+/** The process's last-error cell once the allocation functions are the
+ * system's for good: an allocation function has run while memory debugging
+ * was off, so it can never be switched on. Null before that and in debugging
+ * mode. The inline forms below use it to reach malloc, calloc, realloc and
+ * free without a call into the library, setting the last error as the
+ * functions do (relaxed atomic stores); applications need not call it. */
+OSTREL_API uint32_t *Ostrel_MemoryPlainCell(void);
+
 /** Convenience forms that record the caller's own file and line. */
 #define OSTREL_MALLOC(size) Ostrel_Malloc_D((size), __FILE__, __LINE__)
 #define OSTREL_CALLOC(count, size) Ostrel_Calloc_D((count), (size), __FILE__, __LINE__)
 #define OSTREL_REALLOC(p, size) Ostrel_Realloc_D((p), (size), __FILE__, __LINE__)
+
+/* With GCC or Clang, calls of the four allocation functions go through the
+ * inline forms below: once Ostrel_MemoryPlainCell has answered (the first
+ * call of each source file asks it), a call is the system function and the
+ * last-error store, as cheap as calling malloc or free directly. Until then,
+ * and always in debugging mode, they call the library. Taking a function's
+ * address, or writing its name in parentheses, still names the library's
+ * function. Define OSTREL_NO_INLINE_ALLOC before including this header to
+ * call the library every time. */
+#if (defined(__GNUC__) || defined(__clang__)) && !defined(OSTREL_NO_INLINE_ALLOC)
+#include <stdlib.h>
+
+/* A size the caller computes may be any 64-bit value; a huge one fails with
+ * 0x90006 like any other failed allocation, so GCC's warning about constant
+ * huge sizes reaching malloc stays quiet for these forms. */
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 7
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Walloc-size-larger-than="
+#define OSTREL_INLINE_ALLOC_POP_ 1
+#endif
+
+/* This source file's copy of the answer of Ostrel_MemoryPlainCell. */
+static inline uint32_t **ostrel_plain_slot_(void) {
+    static uint32_t *slot;
+    return &slot;
+}
+static inline uint32_t *ostrel_plain_cell_(void) { return __atomic_load_n(ostrel_plain_slot_(), __ATOMIC_RELAXED); }
+static inline void ostrel_plain_ask_(void) {
+    __atomic_store_n(ostrel_plain_slot_(), Ostrel_MemoryPlainCell(), __ATOMIC_RELAXED);
+}
+static inline void *ostrel_plain_result_(uint32_t *cell, void *p) {
+    __atomic_store_n(cell, p != NULL ? 0u : OSL_ERR_NO_MEMORY, __ATOMIC_RELAXED);
+    return p;
+}
+
+static inline void *ostrel_malloc_inline_(uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+    uint32_t *cell = ostrel_plain_cell_();
+    void *p;
+    if (__builtin_expect(cell != NULL, 1)) return ostrel_plain_result_(cell, malloc((size_t)ullSize));
+    p = (Ostrel_Malloc_D)(ullSize, szFile, uiLine);
+    ostrel_plain_ask_();
+    return p;
+}
+static inline void *ostrel_calloc_inline_(uint64_t ullCount, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+    uint32_t *cell = ostrel_plain_cell_();
+    void *p;
+    if (__builtin_expect(cell != NULL, 1)) return ostrel_plain_result_(cell, calloc((size_t)ullCount, (size_t)ullSize));
+    p = (Ostrel_Calloc_D)(ullCount, ullSize, szFile, uiLine);
+    ostrel_plain_ask_();
+    return p;
+}
+static inline void *ostrel_realloc_inline_(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+    uint32_t *cell = ostrel_plain_cell_();
+    void *p;
+    if (__builtin_expect(cell != NULL, 1)) return ostrel_plain_result_(cell, realloc(pvMem, (size_t)ullSize));
+    p = (Ostrel_Realloc_D)(pvMem, ullSize, szFile, uiLine);
+    ostrel_plain_ask_();
+    return p;
+}
+static inline void ostrel_free_inline_(void *pvMem) {
+    if (__builtin_expect(ostrel_plain_cell_() != NULL, 1)) {
+        free(pvMem);
+        return;
+    }
+    (Ostrel_Free)(pvMem);
+    ostrel_plain_ask_();
+}
+
+#ifdef OSTREL_INLINE_ALLOC_POP_
+#pragma GCC diagnostic pop
+#undef OSTREL_INLINE_ALLOC_POP_
+#endif
+
+#define Ostrel_Malloc_D(size, file, line) ostrel_malloc_inline_((size), (file), (line))
+#define Ostrel_Calloc_D(count, size, file, line) ostrel_calloc_inline_((count), (size), (file), (line))
+#define Ostrel_Realloc_D(p, size, file, line) ostrel_realloc_inline_((p), (size), (file), (line))
+#define Ostrel_Free(p) ostrel_free_inline_(p)
+#endif
 
 OSTREL_EXTERN_C_END
 

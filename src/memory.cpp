@@ -289,6 +289,13 @@ OSTREL_API void Ostrel_Free(void *pvMem) {
     free(pvMem);
 }
 
+// Once an allocation function has run with debugging off, debugging can never
+// come on: from then on the header's inline forms may call the system
+// allocator themselves and store into the last-error cell as we do.
+OSTREL_API uint32_t *Ostrel_MemoryPlainCell(void) {
+    return l_mem_state.load(std::memory_order_relaxed) == kApiInvoked ? g_OSL_errno.cell() : nullptr;
+}
+
 OSTREL_API void Ostrel_MemorySummary(const char *szFilePath) {
     if (!debug_on() || szFilePath == nullptr) return;
     OSL_Log_RecordToFile_Raw_V(szFilePath, "[New summary]\n");

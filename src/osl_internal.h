@@ -15,13 +15,16 @@
 class OslLastError {
 public:
     OslLastError &operator=(uint32_t v) {
-        value_.store(v, std::memory_order_relaxed);
+        __atomic_store_n(&value_, v, __ATOMIC_RELAXED);
         return *this;
     }
-    operator uint32_t() const { return value_.load(std::memory_order_relaxed); }
+    operator uint32_t() const { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
+    // The cell itself, for the allocation header's inline forms, which store
+    // into it with the same relaxed atomic stores.
+    uint32_t *cell() { return &value_; }
 
 private:
-    std::atomic<uint32_t> value_{0};
+    uint32_t value_ = 0;
 };
 static_assert(sizeof(OslLastError) == 4, "the last error is one 32-bit cell");
 extern OslLastError g_OSL_errno;

@@ -1,11 +1,11 @@
 #!/bin/sh
 # The shared library exports exactly the functions the public headers mark
-# OSTREL_API: nothing internal, nothing missing, each under the version node
-# given as the third argument.
+# OSTREL_API: nothing internal, nothing missing, each under one of the
+# version nodes given as the third argument (separated by spaces).
 set -eu
 lib=$1
 incdir=$2
-node=$3
+nodes=$3
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 # Declared: the identifier before the first "(" of each OSTREL_API declaration,
@@ -17,8 +17,8 @@ cat "$incdir"/*.h | perl -0777 -ne '
 # Every function carries the version node of the library (NAME@@NODE); the
 # node itself is listed as an absolute symbol.
 nm -D --defined-only "$lib" | awk '$2 != "A" {print $NF}' >"$tmp/versioned"
-if grep -v "@@$node\$" "$tmp/versioned"; then
-  echo "exported without the version node $node (above)"
+if grep -Ev "@@($(echo "$nodes" | sed 's/ /|/g'))\$" "$tmp/versioned"; then
+  echo "exported without one of the version nodes $nodes (above)"
   exit 1
 fi
 sed 's/@@.*//' "$tmp/versioned" | sort -u >"$tmp/exported"

@@ -44,8 +44,14 @@ std::string set_options(std::initializer_list<std::pair<int32_t, uintptr_t>> cal
 const std::string kTooLate = "90016 90016\n8 Memory debug option must be set before invoking any memory API.\n";
 
 TEST(MemoryOff, FreeAloneClosesTheSwitch) {
+    EXPECT_EQ(Ostrel_MemoryPlainCell(), nullptr); // debugging could still come on
     Ostrel_Free(nullptr); // the first allocation-function call of this process
     EXPECT_EQ(set_options({{1, 1}}), kTooLate);
+    // Plain for good: the header's inline forms now store into the last-error cell themselves.
+    uint32_t *cell = Ostrel_MemoryPlainCell();
+    ASSERT_NE(cell, nullptr);
+    *cell = 0x777;
+    EXPECT_EQ(Ostrel_GetLastError(), 0x777u);
 }
 
 TEST(OutputBuffer, ArgumentChecksSizeQueryAndCopy) {
@@ -167,7 +173,8 @@ void switch_on() {
 
 TEST(MemoryDebug, RandomCallsThreadsUnderTheLockMadeAtLoadTimeAndAnUntrackedPointer) {
     switch_on();
-    random_calls(true);
+    random_calls(true); // through the inline forms, which must keep calling the library
+    EXPECT_EQ(Ostrel_MemoryPlainCell(), nullptr);
     EXPECT_EQ(summary(), kEmpty);
     OSL_Mem_LeakMutexInit(); // the load-time step, run now that debugging is on, makes the lock
     void *keep = Ostrel_Malloc_D(7, "keep.c", 1);
