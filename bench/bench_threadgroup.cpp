@@ -72,7 +72,7 @@ void BM_ThreadGroup_CancelAllDestroy(benchmark::State &state) {
     }
 }
 
-// CancelAll alone: the 200 one-byte sends under the group's lock.
+// CancelAll alone: the wake-up write and the 200 one-byte sends.
 void BM_ThreadGroup_CancelAllOnly(benchmark::State &state) {
     ZurnGeneral_SetLogLevel(16);
     const int baseline = live_threads();

@@ -10,6 +10,17 @@
 // Select and Sleep wait through poll(2), so any descriptor number the process
 // can open can be watched, with the results select(2) gives for a read set:
 // the same ready count, ready descriptors and failures, and the same traces.
+//
+// Besides its control socket, every wait also watches its group's wake-up
+// descriptor of the moment the thread started (an eventfd, shared by the
+// group's threads of one cancel generation). CancelAll makes it readable
+// with one write before it sends the bytes, so all waiting threads wake at
+// once, as a condition variable's broadcast wakes its waiters, instead of one
+// send at a time; the bytes still go out as before. The write is never read
+// either, so the wake-up stays as sticky as the byte; threads started after a
+// CancelAll get the next generation's descriptor. It counts only while end 1
+// of the control pair is in the node's set, the only case in which the byte
+// would be seen.
 #define OSL_SRC_PATH "src/tdctl"
 #include <arpa/inet.h>
 #include <cerrno>
@@ -21,6 +32,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,6 +53,14 @@ constexpr short kReadReady = kReadEvents | POLLHUP | POLLERR;
 #define TG_SELECT_TEXT "select(node->sock_max+1,&sock_sets,0,0,&timeout)"
 #define TG_SLEEP_TEXT "select(node->control_unit[1]+1,&sock_sets,0,0,&timeout)"
 
+// A cancel generation's wake-up descriptor, held by the group while it is the
+// one new threads get, by every node that got it, and by a CancelAll while
+// it writes; the last holder closes it.
+struct TGWake {
+    int fd;
+    int refs; // under the group's lock
+};
+
 struct TGNode {
     TGNode *next;
     TGNode *prev;
@@ -48,7 +68,8 @@ struct TGNode {
     // The descriptor set: end 1 of control_unit and every descriptor added
     // and not cleared since, each once, as poll takes them. It never holds
     // more than sock_capacity + 1 entries: apart from end 1, each member is
-    // also in the descriptor list.
+    // also in the descriptor list. The slot just before it is the wake-up
+    // descriptor's, so that one poll takes both.
     pollfd *sock_sets;
     int sock_set_count;
     pthread_t tid;
@@ -59,8 +80,9 @@ struct TGNode {
     // ENOMEM once SetAdd could not make room for a descriptor: the set misses
     // it, so every later Select of the node fails with this errno.
     int set_errno;
+    TGWake *wake; // the generation the thread started in, or null
     void *spill; // heap block holding the three arrays once they outgrow the node
-    pollfd sets_inline[kInlineSocks + 1];
+    pollfd sets_inline[kInlineSocks + 2];
     int list_inline[kInlineSocks];
     int ready_inline[kInlineSocks];
 };
@@ -75,6 +97,7 @@ struct TGGroup {
     // and frees those nodes.
     int senders;
     TGNode *kept;
+    TGWake *wake; // the generation new threads join, or null (no eventfd to be had)
 };
 
 struct TGThreadParam {
@@ -112,7 +135,7 @@ uint32_t _control_unit_init(TGNode *node) {
         OSL_LOG_ERRNO(OSL_ERR_UNKNOWN);
         return OSL_ERR_UNKNOWN;
     }
-    node->sock_sets = node->sets_inline;
+    node->sock_sets = node->sets_inline + 1;
     node->sock_list = node->list_inline;
     node->sock_ready = node->ready_inline;
     node->sock_capacity = kInlineSocks;
@@ -135,14 +158,14 @@ void free_node(TGNode *node) {
 // the list's end stay 0, as SetClr expects. False when memory runs out.
 bool grow_node(TGNode *node) {
     int capacity = node->sock_capacity * 2;
-    size_t sets_bytes = sizeof(pollfd) * static_cast<size_t>(capacity + 1);
+    size_t sets_bytes = sizeof(pollfd) * static_cast<size_t>(capacity + 2);
     size_t ints_bytes = sizeof(int) * static_cast<size_t>(capacity);
     auto *block = static_cast<unsigned char *>(calloc(1, sets_bytes + 2 * ints_bytes));
     if (block == nullptr) return false;
-    auto *sets = reinterpret_cast<pollfd *>(block);
+    auto *sets = reinterpret_cast<pollfd *>(block) + 1;
     auto *list = reinterpret_cast<int *>(block + sets_bytes);
     auto *ready = reinterpret_cast<int *>(block + sets_bytes + ints_bytes);
-    memcpy(sets, node->sock_sets, sizeof(pollfd) * static_cast<size_t>(node->sock_set_count));
+    memcpy(sets - 1, node->sock_sets - 1, sizeof(pollfd) * static_cast<size_t>(node->sock_set_count + 1));
     memcpy(list, node->sock_list, sizeof(int) * static_cast<size_t>(node->sock_capacity));
     memcpy(ready, node->sock_ready, sizeof(int) * static_cast<size_t>(node->sock_capacity));
     free(node->spill);
@@ -217,14 +240,36 @@ int wait_readable(pollfd *fds, int n, int32_t iTimeout) {
     return ready;
 }
 
+// A wait's wake-up slot: the generation's descriptor, or -1 (poll passes
+// over a negative descriptor) when there is none or it does not count.
+pollfd wake_slot(const TGNode *node, bool counts) {
+    return {node->wake != nullptr && counts ? node->wake->fd : -1, POLLIN, 0};
+}
+
+// After a wait: a readable wake-up stands for the unread byte on end 1. The
+// count is select's: the wake-up slot is no member of the set, end 1 is.
+int take_wake(const pollfd *wake, pollfd *control, int rc) {
+    if (rc <= 0 || (wake->revents & kReadReady) == 0) return rc;
+    --rc;
+    if (control != nullptr && (control->revents & kReadReady) == 0) {
+        control->revents |= POLLIN;
+        ++rc;
+    }
+    return rc;
+}
+
 // Select's wait: the node's whole set, unless SetAdd had to leave a
-// descriptor out of it.
+// descriptor out of it, and the wake-up slot in front of it.
 int wait_node(TGNode *node, int32_t iTimeout) {
     if (node->set_errno != 0) {
         errno = node->set_errno;
         return -1;
     }
-    return wait_readable(node->sock_sets, node->sock_set_count, iTimeout);
+    const int control = node->sock_sets[0].fd == node->control_unit[1] ? 0 : set_index(node, node->control_unit[1]);
+    pollfd *wake = node->sock_sets - 1;
+    *wake = wake_slot(node, control >= 0);
+    int rc = wait_readable(wake, node->sock_set_count + 1, iTimeout);
+    return take_wake(wake, control >= 0 ? &node->sock_sets[control] : nullptr, rc);
 }
 
 // Runs a wait, traced under the text of its select(2) form; errno is what
@@ -247,6 +292,28 @@ void unlink_node(TGGroup *group, TGNode *node) {
     node->prev = nullptr;
 }
 
+// A new generation's wake-up descriptor, or null when none can be made (the
+// threads are then woken by their bytes alone).
+TGWake *new_wake() {
+    auto *wake = static_cast<TGWake *>(malloc(sizeof(TGWake)));
+    if (wake == nullptr) return nullptr;
+    wake->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    wake->refs = 1;
+    if (wake->fd >= 0) return wake;
+    free(wake);
+    return nullptr;
+}
+
+// Drops one hold (under the group's lock); returns the wake-up to close
+// after the unlock when that was the last, else null.
+TGWake *drop_wake(TGWake *wake) { return wake != nullptr && --wake->refs == 0 ? wake : nullptr; }
+
+void free_wake(TGWake *wake) {
+    if (wake == nullptr) return;
+    close(wake->fd);
+    free(wake);
+}
+
 void *_thread_function_wrapper(void *pArg) {
     auto *start = static_cast<TGThreadParam *>(pArg);
     TGGroup *group = start->group;
@@ -265,6 +332,7 @@ void *_thread_function_wrapper(void *pArg) {
 
     pthread_mutex_lock(&group->lock);
     unlink_node(group, node);
+    TGWake *wake = drop_wake(node->wake);
     const int own_end = node->control_unit[1];
     const bool kept = group->senders > 0;
     if (kept) {
@@ -282,6 +350,7 @@ void *_thread_function_wrapper(void *pArg) {
         close_control_unit(node);
         free_node(node);
     }
+    free_wake(wake);
     OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Exit");
     return nullptr;
 }
@@ -307,6 +376,13 @@ uint32_t _create_thread(void *(*func)(void *), void *param) {
 // fits. A thread that has left already closed the other end: the send fails
 // quietly.
 void send_stop(int iEnd) { (void)send(iEnd, kStopText, 1, MSG_DONTWAIT | MSG_NOSIGNAL); }
+
+// Makes a generation's wake-up descriptor readable for good.
+void wake_all(const TGWake *wake) {
+    if (wake == nullptr) return;
+    const uint64_t one = 1;
+    (void)!write(wake->fd, &one, sizeof one);
+}
 
 // Makes the condition a waiting Destroy sleeps on, timed by the monotonic
 // clock so that a change of the wall clock cannot stretch a wait.
@@ -339,6 +415,7 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Create(OstrelThreadGroupHandle *phGroup) 
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
     }
     group->first = nullptr;
+    group->wake = new_wake();
     *phGroup = group;
     OSL_TRACED_RETURN(0);
 }
@@ -374,10 +451,13 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_NewThread(OstrelThreadGroupHandle hGroup,
     node->next = group->first;
     if (node->next != nullptr) node->next->prev = node;
     group->first = node;
+    node->wake = group->wake;
+    if (node->wake != nullptr) ++node->wake->refs;
 
     OSL_TRACED_CALL(rc, _create_thread(_thread_function_wrapper,thread_param));
     if (rc != 0) {
         unlink_node(group, node);
+        (void)drop_wake(node->wake); // the group still holds it
         close_control_unit(node);
         free_node(node);
         // The thread never ran, so the start record is still ours to free.
@@ -411,17 +491,24 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
             send_stop(node->control_unit[0]);
         OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Cancel(%X)", tid_bits(node->tid));
     }
-    if (ends == nullptr) {
+    // This generation's threads are woken through its wake-up descriptor;
+    // threads started from now on join a new one. The group's hold passes
+    // to this call, which drops it once it has written.
+    TGWake *wake = n > 0 ? group->wake : nullptr;
+    if (wake != nullptr) group->wake = new_wake();
+    if (ends == nullptr && wake == nullptr) {
         pthread_mutex_unlock(&group->lock);
         OSL_TRACED_RETURN(0);
     }
     ++group->senders;
     pthread_mutex_unlock(&group->lock);
 
+    wake_all(wake);
     for (size_t i = 0; i < noted; ++i) send_stop(ends[i]);
     free(ends);
 
     pthread_mutex_lock(&group->lock);
+    wake = drop_wake(wake);
     TGNode *kept = nullptr;
     if (--group->senders == 0) {
         kept = group->kept;
@@ -429,6 +516,7 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
         if (group->first == nullptr) pthread_cond_broadcast(&group->emptied);
     }
     pthread_mutex_unlock(&group->lock);
+    free_wake(wake);
     while (kept != nullptr) {
         TGNode *next = kept->next;
         close(kept->control_unit[0]);
@@ -462,6 +550,7 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Destroy(OstrelThreadGroupHandle hGroup) {
     pthread_mutex_unlock(&group->lock);
     pthread_cond_destroy(&group->emptied);
     pthread_mutex_destroy(&group->lock);
+    free_wake(group->wake);
     free(group);
     OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Destroy");
     OSL_TRACED_RETURN(0);
@@ -556,9 +645,9 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32
     OSL_ASSERT_ARG(NULL != hNode);
     OSL_ASSERT_ARG(NULL != piToClose);
     auto *node = static_cast<TGNode *>(hNode);
-    pollfd control = {node->control_unit[1], kReadEvents, 0};
+    pollfd fds[2] = {wake_slot(node, true), {node->control_unit[1], kReadEvents, 0}};
     int rc;
-    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, wait_readable(&control, 1, iTimeout));
+    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, take_wake(&fds[0], &fds[1], wait_readable(fds, 2, iTimeout)));
     if (rc < 0) {
         OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);

@@ -383,6 +383,22 @@ TEST_F(ThreadGroup, RefusedArgumentsAndFailuresLeaveNothingBehind) {
     }
 }
 
+// A CancelAll reaches the threads of the group as it is: a thread started
+// after it waits on, and is reached by the next one.
+TEST_F(ThreadGroup, AThreadStartedAfterACancelIsReachedByTheNextOne) {
+    std::atomic<int> first{-1}, later{-1}, later_cancelled{-1};
+    auto sleep_for = [](OstrelThreadNodeHandle node, int32_t ms) { int c = -1; return Ostrel_ThreadGroup_Sleep(node, ms, &c) ? -1 : c; };
+    ASSERT_EQ(start([&](OstrelThreadNodeHandle node) { first = sleep_for(node, 20000); }), 0u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_EQ(Ostrel_ThreadGroup_CancelAll(group_), 0u);
+    ASSERT_TRUE(tgtest::eventually([&] { return first == 1; }));
+    ASSERT_EQ(start([&](OstrelThreadNodeHandle node) { later = sleep_for(node, 100), later_cancelled = sleep_for(node, 20000); }), 0u);
+    ASSERT_TRUE(tgtest::eventually([&] { return later >= 0; }));
+    EXPECT_EQ(later, 0);
+    EXPECT_EQ(Ostrel_ThreadGroup_CancelAll(group_), 0u);
+    EXPECT_TRUE(tgtest::eventually([&] { return later_cancelled == 1; }));
+}
+
 TEST_F(ThreadGroup, RoundsOfStartAndCancelLeaveNoDescriptorsOrHeapBehind) {
     const int prev = ZurnGeneral_SetLogLevel(16);
     auto round = [this] {
