@@ -1,4 +1,4 @@
-// Random sequences of table operations checked against a model (a std::map,
+// Random sequences of table operations checked against a model (a hash map,
 // the sorted list and the bucket range worked out again). tests/test_table.cpp
 // runs the same model over seeded inputs for every key type, storage mode and
 // sort order.
@@ -6,20 +6,28 @@
 // Input: a configuration byte (bits 0-1 key type, bit 2 copy mode, bits 4-6
 // bucket range, bit 7 key order), the refresh threshold (0: the default) and
 // step (9 modulo 10: the default), then operations: an opcode byte, two key
-// bytes and the value bytes. Adds, gets, updates and deletes; calls in the form
-// of another key type; changes of range, threshold, step and sort function,
-// refused ones included, the sort function also right after emptying the
-// table; walks in the three orders that mark deletes and updates as they go.
+// bytes and the value bytes. Bit 3 with range bits 7, in an input of 64
+// bytes or more whose checksum() is 0, makes the big table: TABLE_RANGE_MAX
+// buckets from the start, filled around the line of 2 nodes a bucket past
+// which it keeps its lookup index (the threshold byte picks the count), half
+// of its keys present, and at most 128 operations. Adds, gets, updates and deletes;
+// calls in the form of another key type; changes of range, threshold, step
+// and sort function, refused ones included, the sort function also right
+// after emptying the table; walks in the three orders that mark deletes and
+// updates as they go.
 // Before every walk and after every operation the count, the range, every
 // link of the table, and a walk of the sorted list with every value must
-// agree with the model.
+// agree with the model; in the big table that full check comes every 64th
+// operation and at the end, and the count and whether the index is kept are
+// checked after every operation.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <map>
-#include <set>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "ostrel_table.h"
@@ -27,10 +35,24 @@
 
 const char *__OSL_Table_Verify(void *hTable, uint32_t *puiRange, uint32_t *puiLongestChain);
 uintptr_t __OSL_Table_GetByteArrayIndex(const void *pKey, uint32_t uiKeyLength);
+uint64_t __OSL_Table_IndexHeads(void *hTable);
 
 namespace table_model {
 
 struct Limits { int ops; uint32_t keys; }; // operations per input at most, distinct keys to draw from
+
+// A big table costs as much as hundreds of small inputs under the
+// sanitizers, so it also needs an input long enough for some operations and
+// this weighted sum of all its bytes to be 0. Any change of one byte alters
+// the sum, so a mutation seldom keeps a big input big (with the configuration
+// bits alone the fuzzer kept mutating the big inputs it had found: one run in
+// 25 was big, and throughput fell twentyfold). Changing the last byte by d
+// changes the sum by d.
+inline uint8_t checksum(const uint8_t *p, size_t n) {
+    uint8_t h = 0;
+    for (size_t i = 0; i < n; ++i) h = static_cast<uint8_t>(h * 31u + p[i]);
+    return h;
+}
 
 // A key as bytes: a string without its NUL, a byte array, or a pointer value.
 using Key = std::string;
@@ -47,22 +69,25 @@ inline int32_t append_order(const void *, uint32_t, const void *, uint32_t) { re
 
 class Model {
 public:
-    Model(const uint8_t *p, size_t n, Limits lim) : p_(p), n_(n), lim_(lim) {}
+    Model(const uint8_t *p, size_t n, Limits lim) : p_(p), n_(n), lim_(lim), big_(n >= 64 && (*p & 0x78) == 0x78 && checksum(p, n) == 0) {}
 
     // Runs the input; returns the largest number of nodes the table held.
     size_t run() {
         const uint8_t cfg = byte(), threshold = byte(), step = byte();
         type_ = 1u + (cfg & 3u) % 3u;
         storage_ = cfg >> 2 & 1;
-        range_ = step_ = 1u + (cfg >> 4 & 7u) * 3u;
+        range_ = step_ = big_ ? TABLE_RANGE_MAX : 1u + (cfg >> 4 & 7u) * 3u;
         check(Ostrel_Table_Create(&h_, range_, storage_) == 0);
         if (threshold != 0) set(TABLE_PROP_REFRESH_THRESHOLD, thr_ = 1u + threshold * 4u % 1000u);
         if (step % 10 != 9) set(TABLE_PROP_REFRESH_STEP, step_ = step % 10u);
         if (cfg & 0x80) set(TABLE_PROP_SORT_FUNCTION, 0), order_ = kKey;
-        size_t peak = 0;
-        for (int i = 0; i < lim_.ops && n_ != 0; ++i) {
+        // The big table: 16,380 to 16,387 nodes, so that a few adds or
+        // deletes take the count across 2 * TABLE_RANGE_MAX.
+        const uint32_t keys = big_ ? fill(2 * TABLE_RANGE_MAX - 4 + threshold % 8u) : lim_.keys;
+        size_t peak = values_.size();
+        for (int i = 0; i < (big_ ? std::min(lim_.ops, 128) : lim_.ops) && n_ != 0; ++i) {
             const uint32_t o = byte(), high = byte();
-            const Key k = key_of((high << 8 | byte()) % lim_.keys);
+            const Key k = key_of((high << 8 | byte()) % keys);
             const bool present = values_.count(k) != 0;
             auto v = value();
             void *got = nullptr;
@@ -89,9 +114,11 @@ public:
             } else {
                 property(o >> 4, byte());
             }
-            walk(TABLE_ITERATE_FORWARD, values_.size() + 1, 0);
+            if (!big_ || i % 64 == 63) walk(TABLE_ITERATE_FORWARD, values_.size() + 1, 0);
+            else counted();
             peak = std::max(peak, values_.size());
         }
+        if (big_) walk(TABLE_ITERATE_FORWARD, values_.size() + 1, 0);
         check(Ostrel_Table_Destroy(h_) == 0);
         return peak;
     }
@@ -99,6 +126,45 @@ public:
 private:
     uint8_t byte() { return n_ == 0 ? 0 : (--n_, *p_++); }
     void set(int prop, uintptr_t v) { check(Ostrel_Table_SetProperty(h_, prop, v) == 0); }
+
+    // Adds the keys of the even numbers below 2 * count, the model taking
+    // them in bulk: each goes to the head of the sorted list (checked by the
+    // model's own rule: the head does not sort before it), so in key order
+    // they come largest first. Numbers are sorted by their key's digits (as
+    // key_of makes them, first one first, padded to 16) without comparing
+    // strings, which the fuzzer's tracing of memcmp makes slow; pointers by
+    // the number, as their low half grows with it. Values have up to 15
+    // bytes, some none. Returns how many keys the operations draw from: the
+    // odd ones are new.
+    uint32_t fill(uint32_t count) {
+        std::vector<std::pair<uint64_t, uint32_t>> ids;
+        values_.reserve(2 * count);
+        for (uint32_t id = 0, len = 0; id < 2 * count; id += 2, len = 0) {
+            uint64_t rank = id;
+            if (type_ != TABLE_KEY_POINTER)
+                for (uint32_t i = id; i != 0; i = (i - 1) / 3) rank = (len++ == 0 ? 0 : rank * 4) + (i - 1) % 3 + 1;
+            ids.emplace_back(type_ == TABLE_KEY_POINTER ? rank : rank << 2 * (16 - len), id);
+        }
+        if (order_ == kKey) std::sort(ids.rbegin(), ids.rend());
+        for (uint32_t i = 0; i < count; ++i) {
+            const Key k = key_of(ids[i].second);
+            check(call(kAdd, type_, k, kPool + i % 50, i % 16, nullptr, nullptr) == 0);
+            check(order_list_.empty() || compare(order_list_.back(), k) >= 0);
+            values_.emplace(k, expect(kPool + i % 50, i % 16, false));
+            order_list_.push_back(k);
+        }
+        std::reverse(order_list_.begin(), order_list_.end());
+        fixed_ = true;
+        return 2 * count;
+    }
+    // The count; in the big table (whose range stays) also its lookup index:
+    // there past 2 nodes a bucket, gone under 1, with at least 2 heads a node.
+    void counted() {
+        uint32_t count = 0;
+        check(Ostrel_Table_GetCount(h_, &count) == 0 && count == values_.size());
+        const uint64_t heads = big_ ? __OSL_Table_IndexHeads(h_) : 0;
+        check(!big_ || (heads == 0 ? count <= 2 * range_ : count >= range_ && heads >= 2 * uint64_t{count}));
+    }
 
     // Growth after an add or a threshold change (forced: after a range change,
     // also at the new range itself).
@@ -144,11 +210,11 @@ private:
     }
     // Values point into a pool that outlives the tables (reference mode keeps
     // the pointers); some are null or empty.
+    static constexpr char kPool[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
     std::pair<const void *, uint32_t> value() {
-        static const char pool[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
         const uint8_t b = byte();
         if (b % 10 == 0) return {nullptr, b % 3u};
-        return {pool + b % 50, byte() % 41u};
+        return {kPool + b % 50, byte() % 41u};
     }
     // Copied in copy mode (an iterator's update always holds a copy) when
     // there are bytes; else kept as given (a node keeps a buffer of its own it
@@ -231,11 +297,12 @@ private:
     // model takes the marks when the walk is closed. A random walk has a
     // second iterator, opened just before or after it and stepped once, that
     // follows its changes: its node is gone (nothing to mark) or takes a new
-    // value through it, and it goes on from where it was.
+    // value through it, and it goes on from where it was. The table's links
+    // are checked first (in the big table not again for the second iterator).
     void walk(uint32_t mode, size_t steps, int marks, OstrelTableIterHandle it = nullptr, const Key *skip = nullptr) {
-        uint32_t range = 0, last = 0, count = 0;
-        check(__OSL_Table_Verify(h_, &range, nullptr) == nullptr && range == range_);
-        check(Ostrel_Table_GetCount(h_, &count) == 0 && count == values_.size());
+        uint32_t range = range_, last = 0;
+        check((big_ && it != nullptr) || (__OSL_Table_Verify(h_, &range, nullptr) == nullptr && range == range_));
+        counted();
         OstrelTableIterHandle other = nullptr;
         Key first, k;
         void *v = nullptr;
@@ -249,15 +316,16 @@ private:
         if (mode == TABLE_ITERATE_BACKWARD) std::reverse(want.begin(), want.end());
         if (skip != nullptr) want.erase(std::find(want.begin(), want.end(), *skip));
         std::map<Key, std::pair<bool, Value>> marked;
-        std::set<Key> seen;
+        std::unordered_set<Key> seen;
         for (size_t i = 0; i < steps; ++i) {
             const bool got = step(it, &k, &v, &len);
             if (i == want.size()) { // past the last node, and it stays there
                 check(!got && !step(it, &k, &v, &len) && Ostrel_Table_IterateDel(it) == OSL_ERR_NOT_FOUND);
                 break;
             }
-            check((got || type_ == TABLE_KEY_POINTER) && values_.count(k) == 1 && seen.insert(k).second);
-            check(matches(values_[k], v, len) && (mode != TABLE_ITERATE_BUCKET ? k == want[i] : bucket(k) >= last));
+            const auto at = values_.find(k); // each key once: in bucket order by the set, else as the model's order has it
+            check((got || type_ == TABLE_KEY_POINTER) && at != values_.end() && (mode != TABLE_ITERATE_BUCKET || seen.insert(k).second));
+            check(matches(at->second, v, len) && (mode != TABLE_ITERATE_BUCKET ? k == want[i] : bucket(k) >= last));
             if (mode == TABLE_ITERATE_BUCKET) last = bucket(k);
             static const char *const kMarks[] = {"", "d", "u", "du", "ud"};
             const uint8_t m = marks == 2 ? 1 : marks ? byte() % 12 : 0;
@@ -268,13 +336,17 @@ private:
             }
         }
         check(Ostrel_Table_EndIterate(it) == 0);
-        for (const auto &m : marked) m.second.first ? erase(m.first) : void(values_[m.first] = m.second.second);
+        for (const auto &m : marked) m.second.first ? void(values_.erase(m.first)) : void(values_[m.first] = m.second.second);
+        if (order_list_.size() != values_.size()) // the deleted keys leave the sorted list in one pass
+            order_list_.erase(std::remove_if(order_list_.begin(), order_list_.end(), [this](const Key &x) { return values_.count(x) == 0; }),
+                              order_list_.end());
         if (other == nullptr) return;
         const auto nv = value();
         const bool kept = values_.count(first) != 0;
         check(Ostrel_Table_IterateUpdate(other, nv.first, nv.second) == (kept ? 0 : OSL_ERR_NOT_FOUND));
         if (kept) values_[first] = expect(nv.first, nv.second, true); // carried out at its first step below
-        walk(mode, values_.size() + !kept, 0, other, kept ? &first : nullptr);
+        // To the end, or in the big table its first 256 steps.
+        walk(mode, std::min<size_t>(values_.size() + !kept, big_ ? 256 : SIZE_MAX), 0, other, kept ? &first : nullptr);
     }
 
     const uint8_t *p_;
@@ -284,8 +356,9 @@ private:
     int storage_ = 0;
     Order order_ = kInsertion;
     bool fixed_ = false;
+    const bool big_;
     OstrelTableHandle h_ = nullptr;
-    std::map<Key, Value> values_;
+    std::unordered_map<Key, Value> values_;
     std::vector<Key> order_list_; // the sorted list, head first
 };
 

@@ -2,7 +2,8 @@
 // failed allocations with their codes, last errors and log lines; and the
 // model of fuzz/fuzz_table.cpp (contents, orders, growth, updates in place,
 // walks with deferred changes followed by a second iterator) over seeded
-// inputs for every key type, storage mode and sort order.
+// inputs for every key type, storage mode and sort order, and past the bucket
+// cap.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -233,6 +234,26 @@ TEST_P(TableModel, AgreesWithStdMapAfterEveryStep) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, TableModel, ::testing::Range(0, 12)); // key type 1 + i % 3, copy i / 3 % 2, key order i / 6
+
+// The big table, one input per key type (copy mode for pointers, key order for
+// byte arrays), filled with 16,380 nodes, 4 under the line past which it
+// keeps its lookup index. Eight adds of new keys (odd numbers, with a null
+// value of length 1) take it past the line; the random operations after them
+// (walks delete most) bring it back under.
+TEST(TableModelBig, CrossesTheIndexLineAtTheBucketCap) {
+    for (int t = 0; t < 3; ++t) {
+        std::mt19937 rng(20261209 + t);
+        std::vector<uint8_t> input(2048);
+        for (auto &b : input) b = static_cast<uint8_t>(rng());
+        input[0] = static_cast<uint8_t>(0x78 | t | t % 2 << 2 | (t == 2) << 7);
+        input[1] = 0; // 16,380 nodes
+        for (int k = 0; k < 8; ++k) // opcode 0 (add), key bytes 0 and 2k + 1, value byte 10
+            input[3 + 4 * k] = input[4 + 4 * k] = 0, input[5 + 4 * k] = static_cast<uint8_t>(2 * k + 1), input[6 + 4 * k] = 10;
+        input.back() = static_cast<uint8_t>(input.back() - table_model::checksum(input.data(), input.size()));
+        LogCapture quiet(16);
+        EXPECT_GT(table_model::run(input.data(), input.size(), {kModelOps, kModelKeys}), 2u * TABLE_RANGE_MAX) << t;
+    }
+}
 
 } // namespace
 
