@@ -58,12 +58,6 @@ TEST(ListModel, AgreesWithAVectorUnderRandomAddsAndDeletes) {
     }
 }
 
-// A call with the allocation to fail (-1: none), its code, the last error it
-// leaves (77 before the call) and its log lines, with the list pointers named.
-struct Row { int fail; std::function<uint32_t()> call; uint32_t code, last_error; std::string lines; };
-#define ROW(call, code, last_error, lines) Row{-1, [&] { return call; }, code, last_error, lines}
-#define FAIL_ROW(n, call, code, last_error, lines) Row{n, [&] { return call; }, code, last_error, lines}
-
 // The lines of a failed argument check or record allocation.
 std::string E(const std::string &fn, const std::string &what, const char *code) {
     return "Error in Ostrel_List_" + fn + ", " + what + " failed.\n<===Exit Ostrel_List_" + fn + " with " + code + "\n";
@@ -116,24 +110,14 @@ TEST(ListRefusals, CodesLastErrorsAndLogLines) {
         ROW(Ostrel_List_Destroy(l), 0, 0, destroy), // names no handle
         ROW(Ostrel_List_Destroy(r), 0, 0, destroy),
     };
-    for (size_t i = 0; i < rows.size(); ++i) {
-        if (rows[i].fail >= 0 && !OSTREL_ALLOC_INTERPOSED) continue; // the sanitizer runtime owns the allocator
-        LogCapture cap;
-        g_OSL_errno = 77;
-        alloc_failure::fail_allocation_number(rows[i].fail);
-        EXPECT_EQ(rows[i].call(), rows[i].code) << "row " << i;
-        alloc_failure::fail_allocation_number(-1);
-        EXPECT_EQ(Ostrel_GetLastError(), rows[i].last_error) << "row " << i;
-        std::string lines;
-        for (const auto &line : cap.lines()) lines += (line.path == "src/list" ? "" : line.path + ": ") + line.text + "\n";
+    run_rows(rows, "src/list", [&](std::string &lines) { // the list pointers named
         for (auto name : {std::make_pair(l, "L"), std::make_pair(r, "R")}) {
             char p[32];
             snprintf(p, sizeof p, "%p", name.first);
             for (size_t at = lines.find(p); name.first && at != std::string::npos; at = lines.find(p, at))
                 lines.replace(at, strlen(p), name.second);
         }
-        EXPECT_EQ(lines, rows[i].lines) << "row " << i;
-    }
+    });
 }
 
 } // namespace

@@ -93,7 +93,7 @@ struct Call {
     std::vector<std::string> log;
     std::function<uint32_t()> f;
 };
-#define ROW(rc, call, ...) Call{rc, {__VA_ARGS__}, [&] { return static_cast<uint32_t>(call); }}
+#define CALL_ROW(rc, call, ...) Call{rc, {__VA_ARGS__}, [&] { return static_cast<uint32_t>(call); }}
 std::vector<std::string> check(const std::vector<Call> &calls) {
     LogCapture cap;
     std::vector<std::string> info;
@@ -183,49 +183,49 @@ TEST(SerializerWrite, FailuresWithTheirCodesAndMessages) {
     check({
         {E_DATA, {}, [&] { return Ostrel_Serializer_SerializeInit(&endian2, &h); }},
         {E_DATA, {}, [&] { return Ostrel_Serializer_SerializeInit(&order2, &h); }},
-        ROW(E_DATA, Ostrel_Serializer_SerializeInit(&align3, &h), "Invalid align length: 3."),
-        ROW(E_PARAM, Ostrel_Serializer_SerializeInit(nullptr, &h), "Error in Ostrel_Serializer_SerializeInit, assert(NULL != pConfig) failed."),
-        ROW(E_PARAM, Ostrel_Serializer_SerializeInit(&endian2, nullptr), "Error in Ostrel_Serializer_SerializeInit, assert(NULL != phSer) failed."),
-        ROW(E_HANDLE, put(bad, "%d", 1), "Invalid handle."),
-        ROW(E_PARAM, put(nullptr, "%d", 1), "Error in Ostrel_Serializer_Serialize, assert(NULL != pSer) failed."),
-        ROW(E_PARAM, put(o.h, nullptr), "Error in Ostrel_Serializer_Serialize, assert(NULL != szFormat) failed."),
-        ROW(E_PARAM, Ostrel_Serializer_Serialize(o.h, 3, "%d", 1), "Invalid serialize mode: 3."),
-        ROW(E_HANDLE, put(fake(0), "%d", 1), "Invalid endian."), // writing handles whose fields went wrong
-        ROW(E_HANDLE, put(fake(1), "%d", 1), "Invalid order setting."),
-        ROW(E_DATA, put(fake(2), "%d", 1), "Invalid align length in handle: 3."),
-        ROW(E_STATUS, put(r.h, "%d", 1), writing),
-        ROW(E_PARAM, Ostrel_Serializer_Destroy(nullptr), "Error in Ostrel_Serializer_Destroy, assert(NULL != pSer) failed."),
-        ROW(E_HANDLE, Ostrel_Serializer_Destroy(bad), "Invalid handle."),
-        ROW(E_PARAM, Ostrel_Serializer_GetBuffer(nullptr, &p, &n), "Error in Ostrel_Serializer_GetBuffer, assert(NULL != pSer) failed."),
-        ROW(E_PARAM, Ostrel_Serializer_GetBuffer(o.h, nullptr, &n), "Error in Ostrel_Serializer_GetBuffer, assert(NULL != ppucBuf) failed."),
-        ROW(E_PARAM, Ostrel_Serializer_GetBuffer(o.h, &p, nullptr), "Error in Ostrel_Serializer_GetBuffer, assert(NULL != piLength) failed."),
-        ROW(E_HANDLE, Ostrel_Serializer_GetBuffer(bad, &p, &n), "Invalid handle."),
-        ROW(E_STATUS, Ostrel_Serializer_GetBuffer(r.h, &p, &n), writing),
-        ROW(E_FORMAT, put(w.h, "%d", 1), "Format descriptor %d had invalid index."),
-        ROW(E_FORMAT, put(w.h, " %12d", 1), "Format descriptor %12d expect '.'."),
-        ROW(E_FORMAT, put(w.h, "%0.d", 1), "Index 0 is invalid."),
-        ROW(E_FORMAT, put(w.h, "%256.d", 1), "Index(256) is larger than 255."),
-        ROW(E_FORMAT, put(w.h, "%99999999999999999999.d", 1), "Index(999999999) is larger than 255."),
-        ROW(E_FORMAT, put(w.h, "x1.d", 1), "Format descriptor x1.d doesn't start with % or @."),
-        ROW(E_FORMAT, put(w.h, "%1.q tail", 1), "Unknown parameter type: q tail."),
-        ROW(E_FORMAT, put(w.h, "%3.as", 1), "Not support string array: %as"),
-        ROW(E_FORMAT, put(o.h, "%1.d", 1), "Unknown parameter type: 1.d."), // no index in ordered mode
+        CALL_ROW(E_DATA, Ostrel_Serializer_SerializeInit(&align3, &h), "Invalid align length: 3."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_SerializeInit(nullptr, &h), "Error in Ostrel_Serializer_SerializeInit, assert(NULL != pConfig) failed."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_SerializeInit(&endian2, nullptr), "Error in Ostrel_Serializer_SerializeInit, assert(NULL != phSer) failed."),
+        CALL_ROW(E_HANDLE, put(bad, "%d", 1), "Invalid handle."),
+        CALL_ROW(E_PARAM, put(nullptr, "%d", 1), "Error in Ostrel_Serializer_Serialize, assert(NULL != pSer) failed."),
+        CALL_ROW(E_PARAM, put(o.h, nullptr), "Error in Ostrel_Serializer_Serialize, assert(NULL != szFormat) failed."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_Serialize(o.h, 3, "%d", 1), "Invalid serialize mode: 3."),
+        CALL_ROW(E_HANDLE, put(fake(0), "%d", 1), "Invalid endian."), // writing handles whose fields went wrong
+        CALL_ROW(E_HANDLE, put(fake(1), "%d", 1), "Invalid order setting."),
+        CALL_ROW(E_DATA, put(fake(2), "%d", 1), "Invalid align length in handle: 3."),
+        CALL_ROW(E_STATUS, put(r.h, "%d", 1), writing),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_Destroy(nullptr), "Error in Ostrel_Serializer_Destroy, assert(NULL != pSer) failed."),
+        CALL_ROW(E_HANDLE, Ostrel_Serializer_Destroy(bad), "Invalid handle."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_GetBuffer(nullptr, &p, &n), "Error in Ostrel_Serializer_GetBuffer, assert(NULL != pSer) failed."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_GetBuffer(o.h, nullptr, &n), "Error in Ostrel_Serializer_GetBuffer, assert(NULL != ppucBuf) failed."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_GetBuffer(o.h, &p, nullptr), "Error in Ostrel_Serializer_GetBuffer, assert(NULL != piLength) failed."),
+        CALL_ROW(E_HANDLE, Ostrel_Serializer_GetBuffer(bad, &p, &n), "Invalid handle."),
+        CALL_ROW(E_STATUS, Ostrel_Serializer_GetBuffer(r.h, &p, &n), writing),
+        CALL_ROW(E_FORMAT, put(w.h, "%d", 1), "Format descriptor %d had invalid index."),
+        CALL_ROW(E_FORMAT, put(w.h, " %12d", 1), "Format descriptor %12d expect '.'."),
+        CALL_ROW(E_FORMAT, put(w.h, "%0.d", 1), "Index 0 is invalid."),
+        CALL_ROW(E_FORMAT, put(w.h, "%256.d", 1), "Index(256) is larger than 255."),
+        CALL_ROW(E_FORMAT, put(w.h, "%99999999999999999999.d", 1), "Index(999999999) is larger than 255."),
+        CALL_ROW(E_FORMAT, put(w.h, "x1.d", 1), "Format descriptor x1.d doesn't start with % or @."),
+        CALL_ROW(E_FORMAT, put(w.h, "%1.q tail", 1), "Unknown parameter type: q tail."),
+        CALL_ROW(E_FORMAT, put(w.h, "%3.as", 1), "Not support string array: %as"),
+        CALL_ROW(E_FORMAT, put(o.h, "%1.d", 1), "Unknown parameter type: 1.d."), // no index in ordered mode
         // Multiples of 8 are never recorded as used.
-        ROW(E_FORMAT, (put(w8.h, "%8.d %8.d %16.c %16.c %7.d", 1, 2, 3, 4, 5), put(w8.h, "%9.d %7.d", 1, 2)),
+        CALL_ROW(E_FORMAT, (put(w8.h, "%8.d %8.d %16.c %16.c %7.d", 1, 2, 3, 4, 5), put(w8.h, "%9.d %7.d", 1, 2)),
             "Parameter 2 used duplicated index: 7."),
         // The items before the failing descriptor stay; a half-written packet array is dropped.
-        ROW(E_PARAM, put(o.h, "%d %ad", 5, nullptr, 3), "The array pointer is NULL while its length is not 0.", "Serialize parameter 2 failed."),
-        ROW(E_PARAM, put(o.h, "%d%b", 1, nullptr), "The packet pointer is NULL parameter 2.", "Serialize parameter 2 failed."),
-        ROW(E_PARAM, put(o.h, "%ab", nullptr, 2), "The array pointer is NULL while its length is 2 of parameter 1.", SP1),
-        ROW(E_STATUS, put(o.h, "%ab", members, 2), writing, "Get packet buffer failed.", "Insert packet[1] to another packet failed.", SP1),
-        ROW(E_STATUS, put(o.h, "%b", r.h), writing, "Get packet buffer failed.", "Insert packet to another packet failed.", SP1),
-        ROW(E_PARAM, put(o.h, "%ad", &one, 0x400000), "The length (in bytes) of the array exceeds limitation.", SP1),
-        ROW(E_PARAM, put(o.h, "%ac", &one, -1), "The length (in bytes) of the array exceeds limitation.", SP1),
-        ROW(E_PARAM, put(o.h, "%ab", &one, 0x1000000), "The packet counts of the packet array exceeds limitation.", SP1),
-        ROW(E_PARAM, put(o.h, "%s", huge.c_str()), "The length of string exceeds limitation.", SP1),
+        CALL_ROW(E_PARAM, put(o.h, "%d %ad", 5, nullptr, 3), "The array pointer is NULL while its length is not 0.", "Serialize parameter 2 failed."),
+        CALL_ROW(E_PARAM, put(o.h, "%d%b", 1, nullptr), "The packet pointer is NULL parameter 2.", "Serialize parameter 2 failed."),
+        CALL_ROW(E_PARAM, put(o.h, "%ab", nullptr, 2), "The array pointer is NULL while its length is 2 of parameter 1.", SP1),
+        CALL_ROW(E_STATUS, put(o.h, "%ab", members, 2), writing, "Get packet buffer failed.", "Insert packet[1] to another packet failed.", SP1),
+        CALL_ROW(E_STATUS, put(o.h, "%b", r.h), writing, "Get packet buffer failed.", "Insert packet to another packet failed.", SP1),
+        CALL_ROW(E_PARAM, put(o.h, "%ad", &one, 0x400000), "The length (in bytes) of the array exceeds limitation.", SP1),
+        CALL_ROW(E_PARAM, put(o.h, "%ac", &one, -1), "The length (in bytes) of the array exceeds limitation.", SP1),
+        CALL_ROW(E_PARAM, put(o.h, "%ab", &one, 0x1000000), "The packet counts of the packet array exceeds limitation.", SP1),
+        CALL_ROW(E_PARAM, put(o.h, "%s", huge.c_str()), "The length of string exceeds limitation.", SP1),
         // 255 items at most; indexed items start below 16 MiB.
-        ROW(E_FORMAT, put(full.h, "%1.c", 0), "The items count in the packet had exceeded 255."),
-        ROW(E_SMALL, (put(wide.h, "%1.ac %2.c", block.data(), 0xFFFFFB, 7), put(wide.h, "%3.c", 1)),
+        CALL_ROW(E_FORMAT, put(full.h, "%1.c", 0), "The items count in the packet had exceeded 255."),
+        CALL_ROW(E_SMALL, (put(wide.h, "%1.ac %2.c", block.data(), 0xFFFFFB, 7), put(wide.h, "%3.c", 1)),
             "The packet length exceeds item index offset limitation."),
     });
     EXPECT_TRUE(h == nullptr && bytes_of(w8.h)[8] == 6);
@@ -271,61 +271,61 @@ TEST(SerializerRead, EveryKindOfDestinationAndEachFailure) {
     auto open = [](const Bytes &b, Ostrel_Serializer **ph, int len = 20) { return Ostrel_Serializer_DeserializeInit(b.data(), len, ph); };
     auto type = [](int t, const char *as) { return fmt("The item's type in the packet is %d, but is deserialized as %s", t, as); };
     const std::vector<std::string> info = check({
-        ROW(E_PARAM, Ostrel_Serializer_DeserializeInit(nullptr, 20, &h),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_DeserializeInit(nullptr, 20, &h),
             "Error in Ostrel_Serializer_DeserializeInit, assert(NULL != pucBuf) failed."),
-        ROW(E_PARAM, open(good, nullptr), "Error in Ostrel_Serializer_DeserializeInit, assert(NULL != phSer) failed."),
-        ROW(E_PARAM, Ostrel_Serializer_DeserializeInit_Ex(nullptr, good.data(), 20, &h),
+        CALL_ROW(E_PARAM, open(good, nullptr), "Error in Ostrel_Serializer_DeserializeInit, assert(NULL != phSer) failed."),
+        CALL_ROW(E_PARAM, Ostrel_Serializer_DeserializeInit_Ex(nullptr, good.data(), 20, &h),
             "Error in Ostrel_Serializer_DeserializeInit_Ex, assert(NULL != pConfig) failed."),
-        ROW(E_DATA, open(good, &h, 11), "Serialized packet length error: 11."),
-        ROW(E_DATA, open(good, &h, -5), "Serialized packet length error: -5."),
-        ROW(E_STATUS, open(good, &writing), "This handle can only be used to serialize."),
-        ROW(E_HANDLE, open(good, &bad), "Invalid handle."),
-        ROW(E_PARAM, get(nullptr, "%d", sink), "Error in Ostrel_Serializer_Deserialize, assert(NULL != pSer) failed."),
-        ROW(E_PARAM, get(r.h, nullptr), "Error in Ostrel_Serializer_Deserialize, assert(NULL != szFormat) failed."),
-        ROW(E_STATUS, get(w.h, "%d", sink), "Handle didn't be initialized by Ostrel_Serializer_DeserializeInit()"),
-        ROW(E_HANDLE, get(bad, "%d", sink), "Invalid handle."),
+        CALL_ROW(E_DATA, open(good, &h, 11), "Serialized packet length error: 11."),
+        CALL_ROW(E_DATA, open(good, &h, -5), "Serialized packet length error: -5."),
+        CALL_ROW(E_STATUS, open(good, &writing), "This handle can only be used to serialize."),
+        CALL_ROW(E_HANDLE, open(good, &bad), "Invalid handle."),
+        CALL_ROW(E_PARAM, get(nullptr, "%d", sink), "Error in Ostrel_Serializer_Deserialize, assert(NULL != pSer) failed."),
+        CALL_ROW(E_PARAM, get(r.h, nullptr), "Error in Ostrel_Serializer_Deserialize, assert(NULL != szFormat) failed."),
+        CALL_ROW(E_STATUS, get(w.h, "%d", sink), "Handle didn't be initialized by Ostrel_Serializer_DeserializeInit()"),
+        CALL_ROW(E_HANDLE, get(bad, "%d", sink), "Invalid handle."),
         // Descriptors and items of an unordered packet; earlier descriptors of a failing call keep what they wrote.
-        ROW(E_NOTFOUND, get(r.h, "%1.d %7.d", &d[0], sink), "Can't find serialized data with index: 7."),
-        ROW(E_NOTFOUND, get(r.h, "%0.d", sink), "Can't find serialized data with index: 0."),
-        ROW(E_FORMAT, get(r.h, "%1.h", sink), type(4, "2."), DP1),
-        ROW(E_FORMAT, get(r.h, "%1.p", sink), type(4, "24."), DP1),
-        ROW(E_FORMAT, get(r.h, "%1.s", sink), type(4, "string."), DP1),
-        ROW(E_FORMAT, get(r.h, "@3.b", sink), type(32, "packet."), DP1),
-        ROW(E_FORMAT, get(r.h, "%1.ad", sink, &n), "Item in the packet is NOT an array, but is deserialized as an array."),
-        ROW(E_FORMAT, get(r.h, "%2.d", sink), "Item in the packet is an array, but is NOT deserialized as an array."),
-        ROW(E_FORMAT, get(r.h, "%2.as", sink, &n), "Not support string array: %as", DP1),
-        ROW(E_FORMAT, get(r.h, "%4.b", sink), "Not support copy packet: %b or %ab", DP1),
-        ROW(E_FORMAT, get(r.h, "#1.d", sink), "Format descriptor #1.d doesn't start with % or @."),
-        ROW(E_FORMAT, get(r.h, "%1d", sink), "Format descriptor %1d expect '.'."),
-        ROW(E_FORMAT, get(r.h, "@N.d", sink), "Format descriptor @N.d had invalid index."),
-        ROW(E_FORMAT, get(r.h, "%256.d", sink), "Index(256) is larger than 255."),
-        ROW(E_FORMAT, get(r.h, "%1.x", sink), "Unknown parameter type: x."),
-        ROW(E_FORMAT, get(r.h, "%1.", sink), "Unknown parameter type: ."),
+        CALL_ROW(E_NOTFOUND, get(r.h, "%1.d %7.d", &d[0], sink), "Can't find serialized data with index: 7."),
+        CALL_ROW(E_NOTFOUND, get(r.h, "%0.d", sink), "Can't find serialized data with index: 0."),
+        CALL_ROW(E_FORMAT, get(r.h, "%1.h", sink), type(4, "2."), DP1),
+        CALL_ROW(E_FORMAT, get(r.h, "%1.p", sink), type(4, "24."), DP1),
+        CALL_ROW(E_FORMAT, get(r.h, "%1.s", sink), type(4, "string."), DP1),
+        CALL_ROW(E_FORMAT, get(r.h, "@3.b", sink), type(32, "packet."), DP1),
+        CALL_ROW(E_FORMAT, get(r.h, "%1.ad", sink, &n), "Item in the packet is NOT an array, but is deserialized as an array."),
+        CALL_ROW(E_FORMAT, get(r.h, "%2.d", sink), "Item in the packet is an array, but is NOT deserialized as an array."),
+        CALL_ROW(E_FORMAT, get(r.h, "%2.as", sink, &n), "Not support string array: %as", DP1),
+        CALL_ROW(E_FORMAT, get(r.h, "%4.b", sink), "Not support copy packet: %b or %ab", DP1),
+        CALL_ROW(E_FORMAT, get(r.h, "#1.d", sink), "Format descriptor #1.d doesn't start with % or @."),
+        CALL_ROW(E_FORMAT, get(r.h, "%1d", sink), "Format descriptor %1d expect '.'."),
+        CALL_ROW(E_FORMAT, get(r.h, "@N.d", sink), "Format descriptor @N.d had invalid index."),
+        CALL_ROW(E_FORMAT, get(r.h, "%256.d", sink), "Index(256) is larger than 255."),
+        CALL_ROW(E_FORMAT, get(r.h, "%1.x", sink), "Unknown parameter type: x."),
+        CALL_ROW(E_FORMAT, get(r.h, "%1.", sink), "Unknown parameter type: ."),
         // The size of a copied string, the capacity of a copied array, the count of a packet array. A failed call
         // moves nothing; a NULL string buffer skips the string and takes no size pointer; reads continue across calls.
-        ROW(E_SMALL, get(rs.h, "%s", buf, &size), "The output buffer length of parameter 1 is 4 while the array length is 5.", DP1),
-        ROW(E_PARAM, get(rs.h, "%s", buf, nullptr), "The string length pointer of parameter 1 is NULL.", DP1),
-        ROW(E_FORMAT, get(rs.h, "%s %s", nullptr, sink), type(4, "string."), "Deserialize parameter 2 failed."),
-        ROW(0, get(rs.h, "%s %d", nullptr, &d[1])),
-        ROW(0, get(rs.h, "%d", &d[2])),
-        ROW(E_SMALL, get(ra.h, "%1.ad", got3, &(n = 2)), "Given memory is not enough, expect 3, was 2 bytes.", DP1),
-        ROW(E_PARAM, get(ra.h, "%1.ad", got3, nullptr), "Deserialize to an array of which the length pointer is NULL.", DP1),
-        ROW(0, get(ra.h, "%1.ad", nullptr, &count)), // a NULL destination: the count only
-        ROW(E_SMALL, get(rp.h, "@ab", got, &(n = 1)), "The output buffer length of parameter 1 is 1 while the array length is 2.", DP1),
-        ROW(E_PARAM, get(rp.h, "@ab", got, nullptr), "The string length pointer of parameter 1 is NULL.", DP1),
+        CALL_ROW(E_SMALL, get(rs.h, "%s", buf, &size), "The output buffer length of parameter 1 is 4 while the array length is 5.", DP1),
+        CALL_ROW(E_PARAM, get(rs.h, "%s", buf, nullptr), "The string length pointer of parameter 1 is NULL.", DP1),
+        CALL_ROW(E_FORMAT, get(rs.h, "%s %s", nullptr, sink), type(4, "string."), "Deserialize parameter 2 failed."),
+        CALL_ROW(0, get(rs.h, "%s %d", nullptr, &d[1])),
+        CALL_ROW(0, get(rs.h, "%d", &d[2])),
+        CALL_ROW(E_SMALL, get(ra.h, "%1.ad", got3, &(n = 2)), "Given memory is not enough, expect 3, was 2 bytes.", DP1),
+        CALL_ROW(E_PARAM, get(ra.h, "%1.ad", got3, nullptr), "Deserialize to an array of which the length pointer is NULL.", DP1),
+        CALL_ROW(0, get(ra.h, "%1.ad", nullptr, &count)), // a NULL destination: the count only
+        CALL_ROW(E_SMALL, get(rp.h, "@ab", got, &(n = 1)), "The output buffer length of parameter 1 is 1 while the array length is 2.", DP1),
+        CALL_ROW(E_PARAM, get(rp.h, "@ab", got, nullptr), "The string length pointer of parameter 1 is NULL.", DP1),
         // Packet array members are opened into the handles already in the array.
-        ROW(0, (get(rp.h, "@ab", got, &(n = 3)), first = got[0], open(rp.buf, &rp.h, int(rp.buf.size())), get(rp.h, "@ab", got, &n))),
-        ROW(0, get(got[1], "%d", &d[3])),
+        CALL_ROW(0, (get(rp.h, "@ab", got, &(n = 3)), first = got[0], open(rp.buf, &rp.h, int(rp.buf.size())), get(rp.h, "@ab", got, &n))),
+        CALL_ROW(0, get(got[1], "%d", &d[3])),
         // A reused handle that fails validation stays on its packet; reopening rewinds.
-        ROW(E_DATA, open(broken, &ro.h), "Invalid magic number: 0.", "Invalid encoded packet data."),
-        ROW(E_NOTFOUND, (get(ro.h, "%d", &d[4]), get(ro.h, "%d", sink)), "No more items in the packet."),
-        ROW(0, (open(ro.buf, &ro.h), get(ro.h, "%d", &d[5]))),
+        CALL_ROW(E_DATA, open(broken, &ro.h), "Invalid magic number: 0.", "Invalid encoded packet data."),
+        CALL_ROW(E_NOTFOUND, (get(ro.h, "%d", &d[4]), get(ro.h, "%d", sink)), "No more items in the packet."),
+        CALL_ROW(0, (open(ro.buf, &ro.h), get(ro.h, "%d", &d[5]))),
         // Pointer items of the other width: only an extended reader asks for them.
-        ROW(E_FORMAT, get(r32.h, "%p", sink), type(20, "24."), DP1),
-        ROW(E_FORMAT, (Ostrel_Serializer_DeserializeInit_Ex(&notExtended, r32.buf.data(), 20, &r32.h), get(r32.h, "%p", sink)), type(20, "24."), DP1),
-        ROW(0, (Ostrel_Serializer_DeserializeInit_Ex(&c32, r32.buf.data(), 20, &r32.h), get(r32.h, "%p", &pv))),
+        CALL_ROW(E_FORMAT, get(r32.h, "%p", sink), type(20, "24."), DP1),
+        CALL_ROW(E_FORMAT, (Ostrel_Serializer_DeserializeInit_Ex(&notExtended, r32.buf.data(), 20, &r32.h), get(r32.h, "%p", sink)), type(20, "24."), DP1),
+        CALL_ROW(0, (Ostrel_Serializer_DeserializeInit_Ex(&c32, r32.buf.data(), 20, &r32.h), get(r32.h, "%p", &pv))),
         // A reference into a foreign-order packet converts the value in place; a second one converts it back.
-        ROW(0, (get(rf.h, "@1.d", &ref), memcpy(&d[6], ref, 4), get(rf.h, "@1.d", &ref))),
+        CALL_ROW(0, (get(rf.h, "@1.d", &ref), memcpy(&d[6], ref, 4), get(rf.h, "@1.d", &ref))),
     });
     EXPECT_EQ(pv, big_endian ? uint64_t{0xCAFEF00D} << 32 : 0xCAFEF00Du); // 4 bytes at the start of the destination
     EXPECT_EQ(std::vector<int32_t>(d, d + 7), (std::vector<int32_t>{5, 5, 6, 22, 7, 7, 0x01020304}));
@@ -387,8 +387,8 @@ TEST(SerializerValidate, EachRejectionWithItsMessageAndTheAcceptedVariants) {
         twice("E2000004 24000000 020C1400 00000001 00000002 01000001 55000000 01000001 66000000"), empty("E2000004 0C000000 000C0C00");
     int32_t d = 0;
     uint8_t a = 0, b = 0;
-    calls.push_back(ROW(0, longer.rc | flags.rc | twice.rc | empty.rc | get(longer.h, "%d", &d) | get(twice.h, "%1.c %2.c", &a, &b)));
-    calls.push_back(ROW(E_NOTFOUND, get(empty.h, "%1.d", &d), "Can't find serialized data with index: 1."));
+    calls.push_back(CALL_ROW(0, longer.rc | flags.rc | twice.rc | empty.rc | get(longer.h, "%d", &d) | get(twice.h, "%1.c %2.c", &a, &b)));
+    calls.push_back(CALL_ROW(E_NOTFOUND, get(empty.h, "%1.d", &d), "Can't find serialized data with index: 1."));
     check(calls);
     EXPECT_EQ(d + a + b, 7 + 0x55 + 0x55);
 }
@@ -543,16 +543,16 @@ TEST(SerializerAllocFailure, EachAllocationWithItsMessage) {
     // Makes the k-th allocation (from 0) of the call fail, and none after it.
 #define FAILING(k, call) (alloc_failure::fail_allocation_number(k), [](uint32_t rc) { return alloc_failure::fail_allocation_number(-1), rc; }(call))
     check({
-        ROW(E_MEM, FAILING(0, Ostrel_Serializer_SerializeInit(&c8, &h)), "Error in Ostrel_Serializer_SerializeInit, alloc(104) failed."),
+        CALL_ROW(E_MEM, FAILING(0, Ostrel_Serializer_SerializeInit(&c8, &h)), "Error in Ostrel_Serializer_SerializeInit, alloc(104) failed."),
         // 16 + 255 * 8 bytes in front of the items, in 512-byte blocks.
-        ROW(E_MEM, FAILING(1, Ostrel_Serializer_SerializeInit(&c8, &h)), "Error in __OSL_Slz_PrepareBuffer, alloc(2560) failed.", prepare),
-        ROW(E_MEM, FAILING(0, Ostrel_Serializer_DeserializeInit(r.buf.data(), 12, &h)), "Error in Ostrel_Serializer_DeserializeInit, alloc(104) failed."),
-        ROW(E_MEM, FAILING(0, put(w.h, "%d %d %ad", 1, 2, big.data(), 200)), "Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed.", prepare,
+        CALL_ROW(E_MEM, FAILING(1, Ostrel_Serializer_SerializeInit(&c8, &h)), "Error in __OSL_Slz_PrepareBuffer, alloc(2560) failed.", prepare),
+        CALL_ROW(E_MEM, FAILING(0, Ostrel_Serializer_DeserializeInit(r.buf.data(), 12, &h)), "Error in Ostrel_Serializer_DeserializeInit, alloc(104) failed."),
+        CALL_ROW(E_MEM, FAILING(0, put(w.h, "%d %d %ad", 1, 2, big.data(), 200)), "Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed.", prepare,
             "Serialize parameter 3 failed."),
-        ROW(E_MEM, FAILING(0, put(w.h, "%s", text.c_str())), "Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed.", prepare, SP1),
-        ROW(E_MEM, FAILING(0, get(r.h, "@N1.ad", &p, &n)), "Alloc memory (size=3*4) failed.", DP1),
-        ROW(E_MEM, FAILING(0, get(r.h, "@N2.s", &p)), "Alloc memory (size=6) failed.", DP1),
-        ROW(E_MEM, FAILING(0, get(r.h, "@N3.l", &p)), "Alloc memory (size=8) failed.", DP1),
+        CALL_ROW(E_MEM, FAILING(0, put(w.h, "%s", text.c_str())), "Error in __OSL_Slz_PrepareBuffer, realloc(1024) failed.", prepare, SP1),
+        CALL_ROW(E_MEM, FAILING(0, get(r.h, "@N1.ad", &p, &n)), "Alloc memory (size=3*4) failed.", DP1),
+        CALL_ROW(E_MEM, FAILING(0, get(r.h, "@N2.s", &p)), "Alloc memory (size=6) failed.", DP1),
+        CALL_ROW(E_MEM, FAILING(0, get(r.h, "@N3.l", &p)), "Alloc memory (size=8) failed.", DP1),
     });
     EXPECT_TRUE(h == nullptr && p == nullptr);
     // The items before the failing one stay; the array left nothing behind.

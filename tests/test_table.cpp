@@ -32,28 +32,13 @@ struct Table {
     ~Table() { EXPECT_EQ(Ostrel_Table_Destroy(h), 0u); }
 };
 
-// A call with the allocation to fail (-1: none), its code, the last error it
-// leaves (77 before the call) and its log lines, with the sizes in "alloc(N)"
-// and "size=N" blanked.
-struct Row { int fail; std::function<uint32_t()> call; uint32_t code, last_error; std::string lines; };
-#define ROW(call, code, last_error, lines) Row{-1, [&] { return call; }, code, last_error, lines}
-#define FAIL_ROW(n, call, code, last_error, lines) Row{n, [&] { return call; }, code, last_error, lines}
-
+// Sizes in "alloc(N)" and "size=N" are blanked.
 void run_rows(const std::vector<Row> &rows) {
-    for (size_t i = 0; i < rows.size(); ++i) {
-        LogCapture cap;
-        g_OSL_errno = 77;
-        alloc_failure::fail_allocation_number(rows[i].fail);
-        EXPECT_EQ(rows[i].call(), rows[i].code) << "row " << i;
-        alloc_failure::fail_allocation_number(-1);
-        EXPECT_EQ(Ostrel_GetLastError(), rows[i].last_error) << "row " << i;
-        std::string lines;
-        for (const auto &l : cap.lines()) lines += (l.path == "src/table" ? "" : l.path + ": ") + l.text + "\n";
+    run_rows(rows, "src/table", [](std::string &lines) {
         for (std::string tag : {"alloc(", "size="})
             for (size_t at = lines.find(tag); at != std::string::npos; at = lines.find(tag, at + 1))
                 lines.erase(at + tag.size(), lines.find_first_not_of("0123456789", at + tag.size()) - at - tag.size());
-        EXPECT_EQ(lines, rows[i].lines) << "row " << i;
-    }
+    });
 }
 
 std::string P(const void *p) { // as the log prints a pointer

@@ -214,6 +214,39 @@ inline long allocation_count() {
 }
 
 } // namespace alloc_failure
+
+// Tables of calls: a call with an allocation to fail (-1: none), its code, the
+// last error it leaves (77 before the call) and its log lines.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "osl_internal.h"
+#include "ostrel_error.h"
+
+struct Row { int fail; std::function<uint32_t()> call; uint32_t code, last_error; std::string lines; };
+#define ROW(call, code, last_error, lines) Row{-1, [&] { return call; }, code, last_error, lines}
+#define FAIL_ROW(n, call, code, last_error, lines) Row{n, [&] { return call; }, code, last_error, lines}
+
+// Runs the rows in order. The lines of source path `path` are taken as they
+// are, others with their path in front; `edit` then makes them comparable
+// (names for pointers, blanks for sizes). Rows that need a failed allocation
+// are passed over where the sanitizer runtime owns the allocator.
+inline void run_rows(const std::vector<Row> &rows, const std::string &path, const std::function<void(std::string &)> &edit) {
+    for (size_t i = 0; i < rows.size(); ++i) {
+        if (rows[i].fail >= 0 && !OSTREL_ALLOC_INTERPOSED) continue;
+        LogCapture cap;
+        g_OSL_errno = 77;
+        alloc_failure::fail_allocation_number(rows[i].fail);
+        EXPECT_EQ(rows[i].call(), rows[i].code) << "row " << i;
+        alloc_failure::fail_allocation_number(-1);
+        EXPECT_EQ(Ostrel_GetLastError(), rows[i].last_error) << "row " << i;
+        std::string lines;
+        for (const auto &l : cap.lines()) lines += (l.path == path ? "" : l.path + ": ") + l.text + "\n";
+        edit(lines);
+        EXPECT_EQ(lines, rows[i].lines) << "row " << i;
+    }
+}
 #endif // OSTREL_TEST_INTERPOSE_ALLOC
 
 #endif
