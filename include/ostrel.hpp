@@ -473,6 +473,24 @@ private:
     H h_ = H();
 };
 
+// The accessors every owner of one handle shares: the raw handle, giving it
+// up, and whether one is held.
+template <class H, uint32_t (*Release)(H)>
+class handle_owner {
+public:
+    /** The raw handle, for C calls (null when empty). */
+    H get() const noexcept { return h_.get(); }
+    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
+    H release() noexcept { return h_.release(); }
+    /** True when a handle is held. */
+    explicit operator bool() const noexcept { return h_.get() != nullptr; }
+
+protected:
+    handle_owner() noexcept = default;
+    explicit handle_owner(H h) noexcept : h_(h) {}
+    unique_handle<H, Release> h_;
+};
+
 inline uint32_t close_thread_group(OstrelThreadGroupHandle h) {
     Ostrel_ThreadGroup_CancelAll(h);
     return Ostrel_ThreadGroup_Destroy(h);
@@ -496,14 +514,14 @@ struct list_entry {
  * returned may be erased (the iterator already stands on the next one);
  * erasing any other node of the list during the walk is not allowed.
  */
-class list_iterator {
+class list_iterator : public detail::handle_owner<OstrelIterHandle, Ostrel_List_EndIterate> {
 public:
     /** What the walk yields. */
     using entry_type = list_entry;
     /** An empty owner, holding no handle. */
     list_iterator() noexcept = default;
     /** Adopts an iterator handle. */
-    explicit list_iterator(OstrelIterHandle h) noexcept : h_(h) {}
+    explicit list_iterator(OstrelIterHandle h) noexcept : handle_owner(h) {}
     /** Takes the walk over; the source is left empty. */
     list_iterator(list_iterator &&) noexcept = default;
     /** Closes this walk and takes the other over. */
@@ -525,10 +543,6 @@ public:
     }
     /** The code of the step that failed, if any. */
     std::error_code error() const noexcept { return error_; }
-    /** The raw handle, for C calls (null when empty). */
-    OstrelIterHandle get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    OstrelIterHandle release() noexcept { return h_.release(); }
 
 private:
     friend class detail::walk_position<list_iterator>;
@@ -548,7 +562,6 @@ private:
         }
         current_ = list_entry{node, byte_view(data, len > 0 ? static_cast<size_t>(len) : 0)};
     }
-    detail::unique_handle<OstrelIterHandle, Ostrel_List_EndIterate> h_;
     list_entry current_;
     std::error_code error_;
     bool started_ = false, done_ = false;
@@ -558,12 +571,12 @@ private:
  * Owner of a list handle (Ostrel_List_Destroy on destruction). Lengths are
  * checked to fit the list's signed 32-bit lengths before any C call.
  */
-class list {
+class list : public detail::handle_owner<OstrelListHandle, Ostrel_List_Destroy> {
 public:
     /** An empty owner, holding no handle. */
     list() noexcept = default;
     /** Adopts a list handle. */
-    explicit list(OstrelListHandle h) noexcept : h_(h) {}
+    explicit list(OstrelListHandle h) noexcept : handle_owner(h) {}
 
     /** Creates an empty list in the given storage mode. */
     static result<list> create(storage mode = storage::copy) noexcept {
@@ -602,15 +615,6 @@ public:
         }
         return it;
     }
-    /** The raw handle, for C calls (null when empty). */
-    OstrelListHandle get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    OstrelListHandle release() noexcept { return h_.release(); }
-    /** True when a handle is held. */
-    explicit operator bool() const noexcept { return h_.get() != nullptr; }
-
-private:
-    detail::unique_handle<OstrelListHandle, Ostrel_List_Destroy> h_;
 };
 
 // ============================================================================
@@ -725,17 +729,17 @@ struct table_entry {
  * walk is open the table refuses adds, updates, deletes and destruction.
  */
 template <class K>
-class table_iterator {
+class table_iterator : public detail::handle_owner<OstrelTableIterHandle, Ostrel_Table_EndIterate> {
 public:
     /** What the walk yields. */
     using entry_type = table_entry<K>;
     /** An empty owner, holding no handle. */
     table_iterator() noexcept = default;
     /** Adopts an iterator handle of a table of key kind K. */
-    explicit table_iterator(OstrelTableIterHandle h) noexcept : h_(h) {}
+    explicit table_iterator(OstrelTableIterHandle h) noexcept : handle_owner(h) {}
     /** Takes the walk over; the source is left empty. */
     table_iterator(table_iterator &&o) noexcept
-        : h_(std::move(o.h_)), current_(o.current_), error_(o.error_), started_(o.started_), done_(o.done_) {
+        : handle_owner(std::move(o)), current_(o.current_), error_(o.error_), started_(o.started_), done_(o.done_) {
         current_.walk = this;
     }
     /** Closes this walk and takes the other over. */
@@ -777,10 +781,6 @@ public:
     }
     /** The code of the step that failed, if any. */
     std::error_code error() const noexcept { return error_; }
-    /** The raw handle, for C calls (null when empty). */
-    OstrelTableIterHandle get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    OstrelTableIterHandle release() noexcept { return h_.release(); }
 
 private:
     friend class detail::walk_position<table_iterator>;
@@ -801,7 +801,6 @@ private:
         }
         current_ = table_entry<K>{key, byte_view(value, len), this};
     }
-    detail::unique_handle<OstrelTableIterHandle, Ostrel_Table_EndIterate> h_;
     table_entry<K> current_;
     std::error_code error_;
     bool started_ = false, done_ = false;
@@ -814,14 +813,14 @@ private:
  * Values are byte views; their sizes are checked to fit 32 bits.
  */
 template <class K>
-class table {
+class table : public detail::handle_owner<OstrelTableHandle, Ostrel_Table_Destroy> {
 public:
     /** How a key is passed. */
     using key_arg = typename K::arg_type;
     /** An empty owner, holding no handle. */
     table() noexcept = default;
     /** Adopts a table handle. */
-    explicit table(OstrelTableHandle h) noexcept : h_(h) {}
+    explicit table(OstrelTableHandle h) noexcept : handle_owner(h) {}
 
     /** Creates an empty table of `range` buckets (1 .. TABLE_RANGE_MAX). */
     static result<table> create(uint32_t range, storage mode = storage::copy) noexcept {
@@ -856,6 +855,7 @@ public:
         const std::error_code e = add(key, value);
         return e == errc::duplicate_key ? update(key, value) : e;
     }
+    using handle_owner::get; // the raw handle, beside the lookup below
     /** The value of a key (the node's own storage in copy mode). */
     result<byte_view> get(key_arg key) const noexcept {
         void *value = nullptr;
@@ -875,15 +875,6 @@ public:
         }
         return it;
     }
-    /** The raw handle, for C calls (null when empty). */
-    OstrelTableHandle get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    OstrelTableHandle release() noexcept { return h_.release(); }
-    /** True when a handle is held. */
-    explicit operator bool() const noexcept { return h_.get() != nullptr; }
-
-private:
-    detail::unique_handle<OstrelTableHandle, Ostrel_Table_Destroy> h_;
 };
 
 using string_table = table<string_key>;   /**< a table of string keys */
@@ -1442,12 +1433,12 @@ struct layout {
  * std::string_view holding a NUL inside is refused (0x9000F) before any C
  * call, as are counts beyond the C int.
  */
-class writer {
+class writer : public detail::handle_owner<Ostrel_Serializer *, Ostrel_Serializer_Destroy> {
 public:
     /** An empty owner, holding no handle. */
     writer() noexcept = default;
     /** Adopts a writing handle. */
-    explicit writer(Ostrel_Serializer *h) noexcept : h_(h) {}
+    explicit writer(Ostrel_Serializer *h) noexcept : handle_owner(h) {}
 
     /** Creates a writing handle with the given layout. */
     static result<writer> create(const layout &l = {}) noexcept { return create(l.config()); }
@@ -1491,12 +1482,6 @@ public:
         const uint32_t rc = Ostrel_Serializer_GetBuffer(h_.get(), &p, &n);
         return detail::make_result(rc, byte_view(p, n > 0 ? static_cast<size_t>(n) : 0));
     }
-    /** The raw handle, for C calls (null when empty). */
-    Ostrel_Serializer *get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    Ostrel_Serializer *release() noexcept { return h_.release(); }
-    /** True when a handle is held. */
-    explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
     template <class... V>
@@ -1504,7 +1489,6 @@ private:
         std::tuple<detail::wr<V>...> holders{detail::wr<V>{values}...};
         return detail::ec(detail::typed_call(holders, detail::serialize_fn{h_.get(), mode}));
     }
-    detail::unique_handle<Ostrel_Serializer *, Ostrel_Serializer_Destroy> h_;
 };
 
 /**
@@ -1523,12 +1507,12 @@ private:
  *    (filled from the new memory, which is then released).
  * Indexes for unordered packets come from ostrel::at().
  */
-class reader {
+class reader : public detail::handle_owner<Ostrel_Serializer *, Ostrel_Serializer_Destroy> {
 public:
     /** An empty owner, holding no handle. */
     reader() noexcept = default;
     /** Adopts a reading handle. */
-    explicit reader(Ostrel_Serializer *h) noexcept : h_(h) {}
+    explicit reader(Ostrel_Serializer *h) noexcept : handle_owner(h) {}
 
     /** Validates a packet and opens it for reading. */
     static result<reader> open(byte_view packet) noexcept {
@@ -1565,16 +1549,9 @@ public:
         detail::post_all(holders, detail::holder_index<D...>());
         return detail::ec(rc);
     }
-    /** The raw handle, for C calls (null when empty). */
-    Ostrel_Serializer *get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    Ostrel_Serializer *release() noexcept { return h_.release(); }
-    /** True when a handle is held. */
-    explicit operator bool() const noexcept { return h_.get() != nullptr; }
 
 private:
     friend struct detail::rd<reader>;
-    detail::unique_handle<Ostrel_Serializer *, Ostrel_Serializer_Destroy> h_;
 };
 
 namespace detail {
@@ -1607,12 +1584,12 @@ inline std::error_code set_big_endian(bool big) noexcept { return detail::ec(net
  * client connection or one accepted from a listen. Timeouts are
  * milliseconds, 0 meaning no limit; negative ones count as 0.
  */
-class connection {
+class connection : public detail::handle_owner<NetbaseCtx *, netbase_close> {
 public:
     /** An empty owner, holding no handle. */
     connection() noexcept = default;
     /** Adopts a connection handle. */
-    explicit connection(NetbaseCtx *h) noexcept : h_(h) {}
+    explicit connection(NetbaseCtx *h) noexcept : handle_owner(h) {}
 
     /** Connects to host:port and runs the client half of the handshake. */
     static result<connection> connect(zstring host, int32_t port, std::chrono::milliseconds timeout) noexcept {
@@ -1651,15 +1628,6 @@ public:
         std::memcpy(&fd, record, sizeof fd);
         return detail::make_result(rc, std::move(fd));
     }
-    /** The raw handle, for C calls (null when empty). */
-    NetbaseCtx *get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    NetbaseCtx *release() noexcept { return h_.release(); }
-    /** True when a handle is held. */
-    explicit operator bool() const noexcept { return h_.get() != nullptr; }
-
-private:
-    detail::unique_handle<NetbaseCtx *, netbase_close> h_;
 };
 
 namespace detail {
@@ -1940,12 +1908,12 @@ uint32_t thread_entry(void *param, OstrelThreadNodeHandle node) noexcept {
  * (Ostrel_ThreadGroup_Destroy): threads must wait through their node's
  * select() or sleep() to notice.
  */
-class thread_group {
+class thread_group : public detail::handle_owner<OstrelThreadGroupHandle, detail::close_thread_group> {
 public:
     /** An empty owner, holding no handle. */
     thread_group() noexcept = default;
     /** Adopts a group handle. */
-    explicit thread_group(OstrelThreadGroupHandle h) noexcept : h_(h) {}
+    explicit thread_group(OstrelThreadGroupHandle h) noexcept : handle_owner(h) {}
 
     /** Creates an empty group. */
     static result<thread_group> create() noexcept {
@@ -1967,15 +1935,6 @@ public:
     std::error_code cancel_all() noexcept { return detail::ec(Ostrel_ThreadGroup_CancelAll(h_.get())); }
     /** Asks every thread to close, waits for all and frees the group now. */
     std::error_code close() noexcept { return detail::ec(h_.reset()); }
-    /** The raw handle, for C calls (null when empty). */
-    OstrelThreadGroupHandle get() const noexcept { return h_.get(); }
-    /** Gives the handle up: the owner is left empty and the caller releases the handle. */
-    OstrelThreadGroupHandle release() noexcept { return h_.release(); }
-    /** True when a handle is held. */
-    explicit operator bool() const noexcept { return h_.get() != nullptr; }
-
-private:
-    detail::unique_handle<OstrelThreadGroupHandle, detail::close_thread_group> h_;
 };
 
 // ============================================================================
