@@ -11,16 +11,16 @@
 // can open can be watched, with the results select(2) gives for a read set:
 // the same ready count, ready descriptors and failures, and the same traces.
 //
-// Besides its control socket, every wait also watches its group's wake-up
-// descriptor of the moment the thread started (an eventfd, shared by the
-// group's threads of one cancel generation). CancelAll makes it readable
-// with one write before it sends the bytes, so all waiting threads wake at
-// once, as a condition variable's broadcast wakes its waiters, instead of one
-// send at a time; the bytes still go out as before. The write is never read
-// either, so the wake-up stays as sticky as the byte; threads started after a
-// CancelAll get the next generation's descriptor. It counts only while end 1
-// of the control pair is in the node's set, the only case in which the byte
-// would be seen.
+// Every thread also has its group's wake-up descriptor of the moment it
+// started (an eventfd, shared by the group's threads of one cancel
+// generation), and its waits watch that in place of end 1 of the control
+// pair. CancelAll makes it readable with one write before it sends the bytes,
+// so all waiting threads wake at once, as a condition variable's broadcast
+// wakes its waiters, and the bytes that follow wake nobody. The write is
+// never read either, so the wake-up is as sticky as the byte; threads started
+// after a CancelAll get the next generation's descriptor. It stands for end 1
+// only while end 1 is in the node's set, the only case in which the byte
+// would be seen; a thread without one (no eventfd to be had) watches end 1.
 #define OSL_SRC_PATH "src/tdctl"
 #include <arpa/inet.h>
 #include <cerrno>
@@ -240,36 +240,42 @@ int wait_readable(pollfd *fds, int n, int32_t iTimeout) {
     return ready;
 }
 
-// A wait's wake-up slot: the generation's descriptor, or -1 (poll passes
-// over a negative descriptor) when there is none or it does not count.
-pollfd wake_slot(const TGNode *node, bool counts) {
-    return {node->wake != nullptr && counts ? node->wake->fd : -1, POLLIN, 0};
+// A wait with a wake-up descriptor watches it in place of end 1 of the
+// control pair: CancelAll makes it readable before any byte goes out, so end
+// 1 holds no byte the wake-up has not announced, and the bytes wake nobody.
+// Without one (or with end 1 cleared from the set) the set is as it is.
+// Fills the wake-up slot in front of a set whose end 1 is *control (null:
+// not in the set) and takes end 1 out of the wait (poll passes over a
+// negative descriptor); returns whether it did.
+bool watch_wake(const TGNode *node, pollfd *wake, pollfd *control) {
+    const bool used = node->wake != nullptr && control != nullptr;
+    *wake = {used ? node->wake->fd : -1, POLLIN, 0};
+    if (used) control->fd = -1 - control->fd;
+    return used;
 }
 
-// After a wait: a readable wake-up stands for the unread byte on end 1. The
-// count is select's: the wake-up slot is no member of the set, end 1 is.
-int take_wake(const pollfd *wake, pollfd *control, int rc) {
-    if (rc <= 0 || (wake->revents & kReadReady) == 0) return rc;
-    --rc;
-    if (control != nullptr && (control->revents & kReadReady) == 0) {
-        control->revents |= POLLIN;
-        ++rc;
-    }
+// After the wait: end 1 back in the set, readable when the wake-up is. The
+// count is select's, the wake-up having stood for end 1.
+int unwatch_wake(const pollfd *wake, pollfd *control, bool used, int rc) {
+    if (!used) return rc;
+    control->fd = -1 - control->fd;
+    control->revents = rc > 0 && (wake->revents & kReadReady) != 0 ? POLLIN : 0;
     return rc;
 }
 
 // Select's wait: the node's whole set, unless SetAdd had to leave a
-// descriptor out of it, and the wake-up slot in front of it.
+// descriptor out of it, with the wake-up slot in front of it.
 int wait_node(TGNode *node, int32_t iTimeout) {
     if (node->set_errno != 0) {
         errno = node->set_errno;
         return -1;
     }
-    const int control = node->sock_sets[0].fd == node->control_unit[1] ? 0 : set_index(node, node->control_unit[1]);
+    const int at = node->sock_sets[0].fd == node->control_unit[1] ? 0 : set_index(node, node->control_unit[1]);
+    pollfd *control = at >= 0 ? &node->sock_sets[at] : nullptr;
     pollfd *wake = node->sock_sets - 1;
-    *wake = wake_slot(node, control >= 0);
-    int rc = wait_readable(wake, node->sock_set_count + 1, iTimeout);
-    return take_wake(wake, control >= 0 ? &node->sock_sets[control] : nullptr, rc);
+    const bool used = watch_wake(node, wake, control);
+    const int rc = wait_readable(wake, node->sock_set_count + 1, iTimeout);
+    return unwatch_wake(wake, control, used, rc);
 }
 
 // Runs a wait, traced under the text of its select(2) form; errno is what
@@ -483,6 +489,13 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
     size_t n = 0;
     for (TGNode *node = group->first; node != nullptr; node = node->next) ++n;
     int *ends = n > 0 ? static_cast<int *>(malloc(n * sizeof(int))) : nullptr;
+    // This generation's threads are woken through its wake-up descriptor,
+    // always before their bytes go out; threads started from now on join a
+    // new one. The group's hold passes to this call, which drops it once it
+    // has written.
+    TGWake *wake = n > 0 ? group->wake : nullptr;
+    if (wake != nullptr) group->wake = new_wake();
+    if (ends == nullptr) wake_all(wake);
     size_t noted = 0;
     for (TGNode *node = group->first; node != nullptr; node = node->next) {
         if (ends != nullptr)
@@ -491,11 +504,6 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
             send_stop(node->control_unit[0]);
         OSL_LOG(LOG_LEVEL_INFO, "ThreadGroup:Cancel(%X)", tid_bits(node->tid));
     }
-    // This generation's threads are woken through its wake-up descriptor;
-    // threads started from now on join a new one. The group's hold passes
-    // to this call, which drops it once it has written.
-    TGWake *wake = n > 0 ? group->wake : nullptr;
-    if (wake != nullptr) group->wake = new_wake();
     if (ends == nullptr && wake == nullptr) {
         pthread_mutex_unlock(&group->lock);
         OSL_TRACED_RETURN(0);
@@ -503,7 +511,7 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
     ++group->senders;
     pthread_mutex_unlock(&group->lock);
 
-    wake_all(wake);
+    if (ends != nullptr) wake_all(wake);
     for (size_t i = 0; i < noted; ++i) send_stop(ends[i]);
     free(ends);
 
@@ -645,9 +653,11 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32
     OSL_ASSERT_ARG(NULL != hNode);
     OSL_ASSERT_ARG(NULL != piToClose);
     auto *node = static_cast<TGNode *>(hNode);
-    pollfd fds[2] = {wake_slot(node, true), {node->control_unit[1], kReadEvents, 0}};
+    // The wake-up, when the thread has one, stands for end 1 (see wait_node).
+    const pollfd wait = {node->wake != nullptr ? node->wake->fd : node->control_unit[1], kReadEvents, 0};
+    pollfd fds[1] = {wait};
     int rc;
-    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, take_wake(&fds[0], &fds[1], wait_readable(fds, 2, iTimeout)));
+    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, wait_readable(fds, 1, iTimeout));
     if (rc < 0) {
         OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
