@@ -399,6 +399,24 @@ TEST_F(ThreadGroup, AThreadStartedAfterACancelIsReachedByTheNextOne) {
     EXPECT_TRUE(tgtest::eventually([&] { return later_cancelled == 1; }));
 }
 
+// A group made while no descriptor is left for a wake-up still reaches its
+// threads, each through its control socket.
+TEST_F(ThreadGroup, AGroupMadeWithoutAWakeUpStillReachesItsThreads) {
+    OstrelThreadGroupHandle g = nullptr;
+    const uint32_t rc = with_descriptors_taken(64, [&] { return Ostrel_ThreadGroup_Create(&g); });
+    if (rc == kNotHere) GTEST_SKIP() << "descriptors cannot be used up here";
+    ASSERT_EQ(rc, 0u);
+    std::atomic<int> reached{0};
+    NodeFn wait = [&](OstrelThreadNodeHandle node) {
+        int to_close = 0, count = 0;
+        reached += Ostrel_ThreadGroup_Select(node, 20000, &to_close, &count) == 0 && to_close == 1;
+    };
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(Ostrel_ThreadGroup_NewThread(g, run_node_fn, &wait), 0u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(Ostrel_ThreadGroup_CancelAll(g) | Ostrel_ThreadGroup_Destroy(g), 0u);
+    EXPECT_EQ(reached, 3);
+}
+
 TEST_F(ThreadGroup, RoundsOfStartAndCancelLeaveNoDescriptorsOrHeapBehind) {
     const int prev = ZurnGeneral_SetLogLevel(16);
     auto round = [this] {
