@@ -497,7 +497,13 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_CancelAll(OstrelThreadGroupHandle hGroup)
     if (wake != nullptr) group->wake = new_wake();
     if (ends == nullptr) wake_all(wake);
     size_t noted = 0;
+    const TGWake *older = nullptr;
     for (TGNode *node = group->first; node != nullptr; node = node->next) {
+        // A thread of an older generation was reached by an earlier CancelAll,
+        // which may still be on its way to writing; written again now, so that
+        // no byte of this call goes out unannounced. (Threads join the list at
+        // its front, so each older generation is met as one run of nodes.)
+        if (node->wake != nullptr && node->wake != wake && node->wake != older) wake_all(older = node->wake);
         if (ends != nullptr)
             ends[noted++] = node->control_unit[0];
         else
