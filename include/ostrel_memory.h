@@ -102,20 +102,20 @@ OSTREL_API uint32_t *Ostrel_MemoryPlainCell(void);
 #endif
 
 /* This source file's copy of the answer of Ostrel_MemoryPlainCell. */
-static inline uint32_t **ostrel_plain_slot_(void) {
+static __inline__ uint32_t **ostrel_plain_slot_(void) {
     static uint32_t *slot;
     return &slot;
 }
-static inline uint32_t *ostrel_plain_cell_(void) { return __atomic_load_n(ostrel_plain_slot_(), __ATOMIC_RELAXED); }
-static inline void ostrel_plain_ask_(void) {
+static __inline__ uint32_t *ostrel_plain_cell_(void) { return __atomic_load_n(ostrel_plain_slot_(), __ATOMIC_RELAXED); }
+static __inline__ void ostrel_plain_ask_(void) {
     __atomic_store_n(ostrel_plain_slot_(), Ostrel_MemoryPlainCell(), __ATOMIC_RELAXED);
 }
-static inline void *ostrel_plain_result_(uint32_t *cell, void *p) {
+static __inline__ void *ostrel_plain_result_(uint32_t *cell, void *p) {
     __atomic_store_n(cell, p != NULL ? 0u : OSL_ERR_NO_MEMORY, __ATOMIC_RELAXED);
     return p;
 }
 
-static inline void *ostrel_malloc_inline_(uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+static __inline__ void *ostrel_malloc_inline_(uint64_t ullSize, const char *szFile, uint32_t uiLine) {
     uint32_t *cell = ostrel_plain_cell_();
     void *p;
     if (__builtin_expect(cell != NULL, 1)) return ostrel_plain_result_(cell, malloc((size_t)ullSize));
@@ -123,7 +123,7 @@ static inline void *ostrel_malloc_inline_(uint64_t ullSize, const char *szFile, 
     ostrel_plain_ask_();
     return p;
 }
-static inline void *ostrel_calloc_inline_(uint64_t ullCount, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+static __inline__ void *ostrel_calloc_inline_(uint64_t ullCount, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
     uint32_t *cell = ostrel_plain_cell_();
     void *p;
     if (__builtin_expect(cell != NULL, 1)) return ostrel_plain_result_(cell, calloc((size_t)ullCount, (size_t)ullSize));
@@ -131,7 +131,7 @@ static inline void *ostrel_calloc_inline_(uint64_t ullCount, uint64_t ullSize, c
     ostrel_plain_ask_();
     return p;
 }
-static inline void *ostrel_realloc_inline_(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
+static __inline__ void *ostrel_realloc_inline_(void *pvMem, uint64_t ullSize, const char *szFile, uint32_t uiLine) {
     uint32_t *cell = ostrel_plain_cell_();
     void *p;
     if (__builtin_expect(cell != NULL, 1)) return ostrel_plain_result_(cell, realloc(pvMem, (size_t)ullSize));
@@ -139,7 +139,7 @@ static inline void *ostrel_realloc_inline_(void *pvMem, uint64_t ullSize, const 
     ostrel_plain_ask_();
     return p;
 }
-static inline void ostrel_free_inline_(void *pvMem) {
+static __inline__ void ostrel_free_inline_(void *pvMem) {
     if (__builtin_expect(ostrel_plain_cell_() != NULL, 1)) {
         free(pvMem);
         return;
