@@ -15,6 +15,10 @@
 
 #include "ostrel_common.h"
 
+#if (defined(__GNUC__) || defined(__clang__)) && !defined(OSTREL_NO_INLINE_ALLOC)
+#include <stdlib.h> /* malloc, calloc, realloc and free for the inline forms below */
+#endif
+
 OSTREL_EXTERN_C_BEGIN
 
 /** Index of the memory-debug option of Ostrel_SetOption. */
@@ -90,7 +94,6 @@ OSTREL_API uint32_t *Ostrel_MemoryPlainCell(void);
  * function. Define OSTREL_NO_INLINE_ALLOC before including this header to
  * call the library every time. */
 #if (defined(__GNUC__) || defined(__clang__)) && !defined(OSTREL_NO_INLINE_ALLOC)
-#include <stdlib.h>
 
 /* A size the caller computes may be any 64-bit value; a huge one fails with
  * 0x90006 like any other failed allocation, so GCC's warning about constant
