@@ -293,7 +293,7 @@ OSTREL_API void Ostrel_Free(void *pvMem) {
 // come on: from then on the header's inline forms may call the system
 // allocator themselves and store into the last-error cell as we do.
 OSTREL_API uint32_t *Ostrel_MemoryPlainCell(void) {
-    return l_mem_state.load(std::memory_order_relaxed) == kApiInvoked ? g_OSL_errno.cell() : nullptr;
+    return not_plain() ? nullptr : g_OSL_errno.cell();
 }
 
 OSTREL_API void Ostrel_MemorySummary(const char *szFilePath) {

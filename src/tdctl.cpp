@@ -270,7 +270,7 @@ int wait_node(TGNode *node, int32_t iTimeout) {
         errno = node->set_errno;
         return -1;
     }
-    const int at = node->sock_sets[0].fd == node->control_unit[1] ? 0 : set_index(node, node->control_unit[1]);
+    const int at = set_index(node, node->control_unit[1]);
     pollfd *control = at >= 0 ? &node->sock_sets[at] : nullptr;
     pollfd *wake = node->sock_sets - 1;
     const bool used = watch_wake(node, wake, control);
@@ -660,10 +660,9 @@ OSTREL_API uint32_t Ostrel_ThreadGroup_Sleep(OstrelThreadNodeHandle hNode, int32
     OSL_ASSERT_ARG(NULL != piToClose);
     auto *node = static_cast<TGNode *>(hNode);
     // The wake-up, when the thread has one, stands for end 1 (see wait_node).
-    const pollfd wait = {node->wake != nullptr ? node->wake->fd : node->control_unit[1], kReadEvents, 0};
-    pollfd fds[1] = {wait};
+    pollfd wait = {node->wake != nullptr ? node->wake->fd : node->control_unit[1], kReadEvents, 0};
     int rc;
-    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, wait_readable(fds, 1, iTimeout));
+    TG_TRACED_WAIT(rc, TG_SLEEP_TEXT, wait_readable(&wait, 1, iTimeout));
     if (rc < 0) {
         OSL_LOG(LOG_LEVEL_TRACE, "select=%d,errno=%d", rc, errno);
         OSL_TRACED_RETURN(OSL_ERR_UNKNOWN);
